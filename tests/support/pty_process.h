@@ -1,0 +1,62 @@
+// Runs a program on a fresh pseudo-terminal, types keys into it and collects
+// exactly the bytes it writes. Keys are typed only while the program waits for
+// a key, as an operator would. If KDX_TEST_LAUNCHER is set (for example an
+// emulator command line), its words are put before the program's.
+// Owns the child: a child still running at destruction is killed and reaped.
+// One thread at a time.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/support/pty.h"
+
+namespace zel::test {
+
+class PtyProcess {
+ public:
+  struct Options {
+    // Extra environment entries ("NAME=value"), overriding inherited ones.
+    std::vector<std::string> env;
+    // Where standard error goes; empty means the terminal, like standard output.
+    std::string stderrPath;
+  };
+
+  explicit PtyProcess(std::vector<std::string> argv);
+  PtyProcess(std::vector<std::string> argv, Options options);
+  ~PtyProcess();
+  PtyProcess(const PtyProcess&) = delete;
+  PtyProcess& operator=(const PtyProcess&) = delete;
+
+  pid_t Pid() const { return mPid; }
+
+  // Waits until the program reads keys, then sends all bytes in one write.
+  bool Type(const std::string& keys, milliseconds timeout = std::chrono::seconds(10));
+  // Waits until the program waits for a key.
+  bool WaitForKeyRead(milliseconds timeout = std::chrono::seconds(10));
+
+  bool WaitForOutput(const std::string& needle, milliseconds timeout = std::chrono::seconds(10));
+  bool WaitForOutputSize(size_t size, milliseconds timeout = std::chrono::seconds(10));
+  bool WaitForQuiet(milliseconds quiet = milliseconds(200),
+                    milliseconds timeout = std::chrono::seconds(10));
+  const std::string& Output() const { return mPty.Output(); }
+  std::string TakeOutput() { return mPty.TakeOutput(); }
+
+  void Signal(int signo);
+
+  // Waits for the program to end and returns its wait status; also collects
+  // the rest of its output. std::nullopt on time-out.
+  std::optional<int> WaitForExit(milliseconds timeout = std::chrono::seconds(20));
+  // Exit code (0..255) of a program that ended normally, -1 otherwise.
+  static int ExitCode(int waitStatus);
+
+ private:
+  Pty mPty;
+  pid_t mPid = -1;
+  std::optional<int> mStatus;
+};
+
+}  // namespace zel::test

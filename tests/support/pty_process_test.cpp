@@ -1,0 +1,77 @@
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "gtest/gtest.h"
+#include "tests/support/pty_process.h"
+#include "tests/support/temp_dir.h"
+
+namespace zel::test {
+namespace {
+
+TEST(PtyProcessTest, OutputProcessingTurnsNewlineIntoCarriageReturnNewline) {
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "log"});
+  ASSERT_TRUE(probe.WaitForExit().has_value());
+  EXPECT_EQ(probe.Output(), "logged\r\n");
+}
+
+TEST(PtyProcessTest, TypedKeysReachTheProgramWithoutEcho) {
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "keys"});
+  ASSERT_TRUE(probe.Type("a"));
+  ASSERT_TRUE(probe.WaitForOutput("[61]\r\nkey>"));
+  ASSERT_TRUE(probe.Type("\x1b[A"));
+  ASSERT_TRUE(probe.WaitForOutput("[41]\r\nkey>"));
+  ASSERT_TRUE(probe.Type("q"));
+  const auto status = probe.WaitForExit();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(PtyProcess::ExitCode(*status), 0);
+  EXPECT_EQ(probe.Output(), "key>[61]\r\nkey>[1b]\r\nkey>[5b]\r\nkey>[41]\r\nkey>[71]\r\n");
+}
+
+TEST(PtyProcessTest, PastedKeysArriveInOrder) {
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "keys"});
+  ASSERT_TRUE(probe.Type("xy\x7fq"));
+  ASSERT_TRUE(probe.WaitForExit().has_value());
+  EXPECT_EQ(probe.Output(), "key>[78]\r\nkey>[79]\r\nkey>[7f]\r\nkey>[71]\r\n");
+}
+
+TEST(PtyProcessTest, TakeOutputStartsAFreshCollection) {
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "keys"});
+  ASSERT_TRUE(probe.WaitForOutput("key>"));
+  EXPECT_EQ(probe.TakeOutput(), "key>");
+  ASSERT_TRUE(probe.Type("q"));
+  ASSERT_TRUE(probe.WaitForExit().has_value());
+  EXPECT_EQ(probe.Output(), "[71]\r\n");
+}
+
+TEST(PtyProcessTest, SignalEndsAProgramWithDefaultDisposition) {
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "keys"});
+  ASSERT_TRUE(probe.WaitForKeyRead());
+  probe.Signal(SIGTERM);
+  const auto status = probe.WaitForExit();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_TRUE(WIFSIGNALED(*status));
+  EXPECT_EQ(WTERMSIG(*status), SIGTERM);
+  EXPECT_EQ(PtyProcess::ExitCode(*status), -1);
+}
+
+TEST(PtyProcessTest, StandardErrorCanGoToAFile) {
+  TempDir dir;
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "stderr"}, {{}, dir.File("err")});
+  ASSERT_TRUE(probe.WaitForExit().has_value());
+  EXPECT_EQ(probe.Output(), "to stdout\r\n");
+  std::ifstream err(dir.File("err"));
+  std::stringstream text;
+  text << err.rdbuf();
+  EXPECT_EQ(text.str(), "to stderr\n");
+}
+
+TEST(PtyProcessTest, WaitForOutputGivesUpAfterTimeout) {
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "keys"});
+  EXPECT_FALSE(probe.WaitForOutput("never", std::chrono::milliseconds(50)));
+}
+
+}  // namespace
+}  // namespace zel::test

@@ -1,0 +1,59 @@
+#include "tests/support/syslog_file.h"
+
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace zel::test {
+
+std::vector<LogRecord> ReadSyslogFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream content;
+  content << in.rdbuf();
+  const std::string data = content.str();
+
+  std::vector<LogRecord> records;
+  size_t pos = 0;
+  while (pos < data.size()) {
+    const size_t eol = data.find('\n', pos);
+    if (eol == std::string::npos) break;
+    int priority = 0;
+    size_t length = 0;
+    if (std::sscanf(data.c_str() + pos, "%d %zu", &priority, &length) != 2) break;
+    const size_t textStart = eol + 1;
+    if (textStart + length + 1 > data.size()) break;  // record still being written
+    records.push_back(LogRecord{priority, data.substr(textStart, length)});
+    pos = textStart + length + 1;
+  }
+  return records;
+}
+
+bool WaitForSyslogFile(const std::string& path,
+                       const std::function<bool(const std::vector<LogRecord>&)>& predicate,
+                       std::chrono::milliseconds timeout) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  while (true) {
+    if (predicate(ReadSyslogFile(path))) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+}
+
+bool WaitForSyslogRecord(const std::string& path, const LogRecord& record,
+                         std::chrono::milliseconds timeout) {
+  return WaitForSyslogFile(
+      path,
+      [&record](const std::vector<LogRecord>& records) {
+        for (const LogRecord& r : records) {
+          if (r == record) return true;
+        }
+        return false;
+      },
+      timeout);
+}
+
+std::vector<std::string> SyslogCaptureEnv(const std::string& path) {
+  return {std::string("LD_PRELOAD=") + KDX_SYSLOG_PRELOAD_PATH, "KDX_SYSLOG_FILE=" + path};
+}
+
+}  // namespace zel::test
