@@ -1,0 +1,196 @@
+#include "cli/console.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "cli/raw_mode_guard.h"
+
+namespace zel::cli {
+namespace {
+
+using KeyType = Console::KeyType;
+
+constexpr char kEscape = 27;
+constexpr char kReadFailed = static_cast<char>(0xFF);
+
+// The texts that may follow "\e[", searched in this order; the first equal
+// one decides the key.
+struct EscapeKey {
+  KeyType type;
+  const char* text;
+};
+
+// clang-format off
+constexpr EscapeKey kEscapeKeys[16] = {
+    {KeyType::Home, "1~"},
+    {KeyType::Insert, "2~"},
+    {KeyType::Delete, "3~"},
+    {KeyType::End, "4~"},
+    {KeyType::PageUp, "5~"},
+    {KeyType::PageDown, "6~"},
+    {KeyType::Home, "7~"},
+    {KeyType::End, "8~"},
+    {KeyType::WordLeft, "1;5D"},
+    {KeyType::WordRight, "1;5C"},
+    {KeyType::Up, "A"},
+    {KeyType::Down, "B"},
+    {KeyType::Right, "C"},
+    {KeyType::Left, "D"},
+    {KeyType::End, "F"},
+    {KeyType::Home, "H"},
+};
+// clang-format on
+
+// The longest text after "\e[" that can name a key.
+constexpr size_t kMaxEscapeLength = 4;
+
+// The bytes that select a colour; empty for values outside the table.
+std::string ColorSequence(Console::Color color) {
+  switch (color) {
+    case Console::Color::Red:
+      return "\x1b[31m";
+    case Console::Color::Green:
+      return "\x1b[32m";
+    case Console::Color::Yellow:
+      return "\x1b[33m";
+    case Console::Color::Blue:
+      return "\x1b[34m";
+    case Console::Color::Magenta:
+      return "\x1b[35m";
+    case Console::Color::Cyan:
+      return "\x1b[36m";
+    case Console::Color::Reset:
+      return "\x1b[0m";
+  }
+  return std::string();
+}
+
+// Printable in the C locale, which the program never leaves.
+bool IsPrintable(char c) {
+  const auto byte = static_cast<unsigned char>(c);
+  return byte >= 32 && byte <= 126;
+}
+
+uint16_t ByteValue(char c) { return static_cast<unsigned char>(c); }
+
+}  // namespace
+
+Console::Console() : mEventFd(::eventfd(0, 0)) {}
+
+Console::~Console() {
+  if (mEventFd >= 0) ::close(mEventFd);
+}
+
+char Console::GetChar() {
+  RawModeGuard rawMode;
+  struct pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {mEventFd, POLLIN, 0}};
+  char c = 0;
+  // Anything but plain readable input (a wake-up, a hang-up, an interrupted
+  // poll) yields 0. The wake-up event is never consumed, so once woken every
+  // later call returns at once.
+  if (::poll(fds, 2, -1) > 0 && fds[0].revents == POLLIN) {
+    if (::read(STDIN_FILENO, &c, 1) != 1) return kReadFailed;
+  }
+  return c;
+}
+
+void Console::GetKeyInfo(KeyInfo* info) { GetKeyInfoFromChar(GetChar(), info); }
+
+void Console::GetKeyInfoFromChar(char c, KeyInfo* info) {
+  if (IsPrintable(c)) {
+    info->key = ByteValue(c);
+    info->type = KeyType::Char;
+  } else if (c == kEscape) {
+    GetKeyInfoFromEscape(c, info);
+  } else {
+    GetKeyInfoFromAscii(c, info);
+  }
+}
+
+void Console::GetKeyInfoFromEscape(char c, KeyInfo* info) {
+  if (c != kEscape) {
+    info->type = KeyType::Unknown;
+    return;
+  }
+  char next = GetChar();
+  while (next == kEscape) next = GetChar();
+  // Alt+x and an escape before any other byte give that byte as a character.
+  if (next != '[') {
+    info->key = ByteValue(next);
+    info->type = KeyType::Char;
+    return;
+  }
+  // One byte more than the longest text keeps the buffer terminated.
+  char sequence[kMaxEscapeLength + 1] = {};
+  for (size_t length = 0; length < kMaxEscapeLength; ++length) {
+    sequence[length] = GetChar();
+    for (const EscapeKey& row : kEscapeKeys) {
+      if (std::strcmp(sequence, row.text) == 0) {
+        info->key = ' ';
+        info->type = row.type;
+        return;
+      }
+    }
+  }
+  // Unknown sequences are dropped silently after four bytes; longer ones
+  // leave their remaining bytes to be read as keys.
+  info->type = KeyType::Unknown;
+}
+
+void Console::GetKeyInfoFromAscii(char c, KeyInfo* info) {
+  info->key = ByteValue(c);
+  switch (c) {
+    case 2:
+      info->type = KeyType::Left;
+      break;
+    case 6:
+      info->type = KeyType::Right;
+      break;
+    case 8:
+    case 127:
+      info->type = KeyType::Backspace;
+      break;
+    case 9:
+      info->type = KeyType::Tab;
+      break;
+    case 10:
+    case 13:
+      info->type = KeyType::Enter;
+      break;
+    case 14:
+      info->type = KeyType::Down;
+      break;
+    case 16:
+      info->type = KeyType::Up;
+      break;
+    default:
+      info->type = KeyType::Unknown;
+      syslog(LOG_WARNING, "%s %d: %s %d : unknown key [0x%x] found",
+             "void zel::cli::Console::GetKeyInfoFromAscii(char, zel::cli::Console::KeyInfo*)", 160,
+             "GetKeyInfoFromAscii", 160, static_cast<unsigned>(ByteValue(c)));
+      break;
+  }
+}
+
+bool Console::Write(const std::string& text) {
+  const ssize_t written = ::write(STDOUT_FILENO, text.data(), text.size());
+  if (written >= 0 && static_cast<size_t>(written) == text.size()) return true;
+  syslog(LOG_ERR, "write target size [%zu] real size [%zd]\n", text.size(), written);
+  return false;
+}
+
+void Console::Wakeup() {
+  if (mEventFd < 0) return;
+  // The eventfd adds these eight bytes, read as one 64-bit number, to its
+  // counter; any non-zero value makes it readable.
+  const ssize_t ignored = ::write(mEventFd, "evt_exit", 8);
+  (void)ignored;
+}
+
+void Console::SetColor(Color color) { Write(ColorSequence(color)); }
+
+}  // namespace zel::cli
