@@ -1,0 +1,32 @@
+// Runs the C example program, built against the shared library and its C
+// header, against a fake service.
+#include "gtest/gtest.h"
+#include "tests/ipc/client_test_env.h"
+#include "tests/support/pty_process.h"
+
+namespace zel::test {
+namespace {
+
+TEST_F(ClientTest, CExamplePingsTheServiceAndPrintsTheReply) {
+  PtyProcess example({KDX_IPC_C_EXAMPLE_PATH, mService.path(), mDir.path()});
+  const auto status = example.WaitForExit();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(PtyProcess::ExitCode(*status), 0);
+  EXPECT_EQ(example.Output(), "code [1] count [1]\r\narg 0 [PONG]\r\n");
+  const auto requests = mService.Requests();
+  ASSERT_GE(requests.size(), 2u);
+  EXPECT_EQ(requests[0].command, zel::ipc::RegisterEventPath);
+  EXPECT_EQ(requests[1].text, "1");
+}
+
+TEST_F(ClientTest, CExampleReportsAMissingService) {
+  const std::string missing = mDir.File("none");
+  PtyProcess example({KDX_IPC_C_EXAMPLE_PATH, missing, mDir.path()});
+  const auto status = example.WaitForExit();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(PtyProcess::ExitCode(*status), 1);
+  EXPECT_EQ(example.Output(), "cannot reach the service at [" + missing + "]\r\n");
+}
+
+}  // namespace
+}  // namespace zel::test
