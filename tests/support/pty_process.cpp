@@ -7,10 +7,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
-#include <sstream>
 #include <stdexcept>
+
+#include "tests/support/launcher.h"
 
 extern char** environ;
 
@@ -18,15 +18,6 @@ namespace zel::test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-std::vector<std::string> LauncherWords() {
-  std::vector<std::string> words;
-  const char* launcher = std::getenv("KDX_TEST_LAUNCHER");
-  if (launcher == nullptr) return words;
-  std::istringstream in(launcher);
-  for (std::string word; in >> word;) words.push_back(word);
-  return words;
-}
 
 void SetEntry(std::vector<std::string>& env, const std::string& entry) {
   const std::string name = entry.substr(0, entry.find('=') + 1);
@@ -47,15 +38,26 @@ std::string Lookup(const std::vector<std::string>& env, const std::string& name)
   return std::string();
 }
 
-// The child's environment: ours, with the requested entries on top. A
-// preloaded library must reach the program, not an emulator in front of it,
-// and the address sanitizer must accept a library loaded before its runtime.
+// A preloaded library must reach the emulated program, not the emulator in
+// front of it: that is a host program, and the loader refuses a target library
+// in its LD_PRELOAD with an error on the terminal. The emulator sets the
+// entries of QEMU_SET_ENV, a comma-separated list, for the program instead.
+void SetForEmulatedProgram(std::vector<std::string>& env, const std::string& entry) {
+  if (entry.find(',') != std::string::npos) {
+    throw std::invalid_argument("a comma cannot pass through QEMU_SET_ENV: " + entry);
+  }
+  const std::string current = Lookup(env, "QEMU_SET_ENV");
+  SetEntry(env, "QEMU_SET_ENV=" + current + (current.empty() ? "" : ",") + entry);
+}
+
+// The child's environment: ours, with the requested entries on top. The
+// address sanitizer must accept a library loaded before its runtime.
 std::vector<std::string> BuildEnv(const std::vector<std::string>& extra, bool launched) {
   std::vector<std::string> env;
   for (char** e = environ; *e != nullptr; ++e) env.push_back(*e);
   for (const std::string& entry : extra) {
     if (launched && entry.compare(0, 11, "LD_PRELOAD=") == 0) {
-      SetEntry(env, "QEMU_SET_ENV=" + entry);
+      SetForEmulatedProgram(env, entry);
     } else {
       SetEntry(env, entry);
     }
@@ -65,17 +67,6 @@ std::vector<std::string> BuildEnv(const std::vector<std::string>& extra, bool la
     SetEntry(env, "ASAN_OPTIONS=" + asan + (asan.empty() ? "" : ":") + "verify_asan_link_order=0");
   }
   return env;
-}
-
-std::string ResolveProgram(const std::string& name) {
-  if (name.find('/') != std::string::npos) return name;
-  const char* path = std::getenv("PATH");
-  std::istringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
-  for (std::string dir; std::getline(dirs, dir, ':');) {
-    const std::string candidate = (dir.empty() ? "." : dir) + "/" + name;
-    if (::access(candidate.c_str(), X_OK) == 0) return candidate;
-  }
-  return name;
 }
 
 std::vector<char*> Pointers(std::vector<std::string>& strings) {
@@ -90,7 +81,7 @@ std::vector<char*> Pointers(std::vector<std::string>& strings) {
 PtyProcess::PtyProcess(std::vector<std::string> argv) : PtyProcess(std::move(argv), Options()) {}
 
 PtyProcess::PtyProcess(std::vector<std::string> argv, Options options) {
-  std::vector<std::string> command = LauncherWords();
+  std::vector<std::string> command = LauncherCommand();
   const bool launched = !command.empty();
   command.insert(command.end(), argv.begin(), argv.end());
   if (command.empty()) throw std::invalid_argument("PtyProcess needs a program");
@@ -122,6 +113,7 @@ PtyProcess::PtyProcess(std::vector<std::string> argv, Options options) {
     ::dup2(slave, STDIN_FILENO);
     ::dup2(slave, STDOUT_FILENO);
     ::dup2(errFd >= 0 ? errFd : slave, STDERR_FILENO);
+    if (options.inChild) options.inChild();
     ::execve(program.c_str(), args.data(), envp.data());
     ::_exit(127);
   }

@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,6 +24,10 @@ class PtyProcess {
     std::vector<std::string> env;
     // Where standard error goes; empty means the terminal, like standard output.
     std::string stderrPath;
+    // Runs in the child just before exec, e.g. to create files named after
+    // the child's process id (which the program keeps across exec). The test
+    // may have threads, so it may only make async-signal-safe calls.
+    std::function<void()> inChild = nullptr;
   };
 
   explicit PtyProcess(std::vector<std::string> argv);
@@ -35,6 +40,8 @@ class PtyProcess {
 
   // Waits until the program reads keys, then sends all bytes in one write.
   bool Type(const std::string& keys, milliseconds timeout = std::chrono::seconds(10));
+  // True while the terminal has line editing off (the program reads a key).
+  bool ReadsKeyNow() const { return mPty.ReadsKeyNow(); }
   // Waits until the program waits for a key.
   bool WaitForKeyRead(milliseconds timeout = std::chrono::seconds(10));
 

@@ -1,0 +1,64 @@
+#include "app/device_commands.h"
+
+#include <cstdio>
+#include <functional>
+#include <string>
+
+#include "app/globals.h"
+#include "ipc/ipc_types.h"
+
+using zel::cli::CmdLineInterface;
+using zel::ipc::IPCResult;
+
+namespace {
+
+// Only a reply the service marked as carried out counts.
+bool Succeeded(const IPCResult& result) { return result.code == zel::ipc::ResultSuccess; }
+
+CmdLineInterface::CommandHandler Bind(zel::cli::Result (*handler)(int, char**)) {
+  return std::bind(handler, std::placeholders::_1, std::placeholders::_2);
+}
+
+}  // namespace
+
+zel::cli::Result sendPing(int /*argc*/, char** /*argv*/) {
+  std::string text = "FAIL";
+  const IPCResult result = gIpcClient.Send(zel::ipc::Ping);
+  if (Succeeded(result) && !result.args.empty()) text = result.args.front();
+  std::printf("PING response : %s\n", text.c_str());
+  return zel::cli::Result::Ok;
+}
+
+zel::cli::Result wlanApClist(int /*argc*/, char** /*argv*/) {
+  const IPCResult result = gIpcClient.Send(zel::ipc::WlanApClientList);
+  std::string text = "FAILED\n";
+  if (Succeeded(result)) {
+    if (result.args.empty()) {
+      text = "NO CONNECTED STATION\n";
+    } else {
+      text.clear();
+      for (const std::string& station : result.args) text += station + "\n";
+    }
+  }
+  std::printf("%s", text.c_str());
+  return zel::cli::Result::Ok;
+}
+
+zel::cli::Result wlanMac(int /*argc*/, char** /*argv*/) {
+  const IPCResult result = gIpcClient.Send(zel::ipc::WlanMac);
+  std::string text = "FAILED";
+  if (Succeeded(result) && !result.args.empty()) text = "WIFI MAC: " + result.args.front();
+  std::puts(text.c_str());
+  return zel::cli::Result::Ok;
+}
+
+std::vector<CmdLineInterface::Command> MakeDeviceCommands() {
+  std::vector<CmdLineInterface::Command> commands;
+  commands.reserve(3);
+  commands.push_back({"send_ping", "send ping message to get 'PONG' response", "send_ping",
+                      Bind(sendPing)});
+  commands.push_back({"atcmd_wlanapclist", "get all connected station for wifi AP",
+                      "atcmd_wlanapclist", Bind(wlanApClist)});
+  commands.push_back({"atcmd_wlanmac", "get wif AP's mac address", "atcmd_wlanmac", Bind(wlanMac)});
+  return commands;
+}

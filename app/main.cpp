@@ -1,0 +1,95 @@
+// The program's entry: checks the two arguments, sets up the IPC client,
+// installs the signal handler and runs the command line until "exit" or
+// "quit".
+#include <pthread.h>
+#include <signal.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string>
+
+#include "app/globals.h"
+
+namespace {
+
+const char kPrompt[] = "hi>";
+const char kBanner[] =
+    "*******************************\n"
+    " kendrivex cli\n"
+    "*******************************\n";
+
+// The terminal settings the program started with. A key read runs with line
+// editing and echo off; when SIGSEGV ends the program from inside one, the
+// read never gets to put them back, so the handler does.
+struct termios gStartTerminal;
+bool gHaveStartTerminal = false;
+
+// Ctrl-C and SIGTERM are reported and otherwise ignored, so that an operator
+// cannot lose the session by accident; a segmentation fault ends the process
+// through exit() so that the static objects still clean up (the event socket
+// is unregistered and the socket files removed).
+void onSignal(int signo) {
+  std::printf("got SIGNAL [%d]\n", signo);
+  gCli.notifySignal();
+  if (signo == SIGSEGV) {
+    if (gHaveStartTerminal) tcsetattr(STDIN_FILENO, TCSANOW, &gStartTerminal);
+    std::exit(-1);
+  }
+}
+
+// The service's unsolicited events are of no use to the command line.
+void onIpcEvent(zel::ipc::IPCEvent& /*event*/) {}
+
+// The signals the handler takes. They are kept from the threads that the IPC
+// client starts (the event socket's monitor, the registration retry), so that
+// only the main thread runs the handler: exit() on the monitor thread would
+// wait for that very thread to end.
+sigset_t HandledSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGSEGV);
+  return signals;
+}
+
+// Sets the IPC client up with the handled signals blocked, so that the
+// threads it starts inherit that; the main thread's mask is then as before.
+bool SetUpIpcClient(const std::string& serverPath, const std::string& clientPathPrefix) {
+  zel::ipc::IPCClient::EventCb eventCb = std::bind(onIpcEvent, std::placeholders::_1);
+  const sigset_t handled = HandledSignals();
+  sigset_t previous;
+  pthread_sigmask(SIG_BLOCK, &handled, &previous);
+  const bool ready = gIpcClient.SetLocalPath(serverPath, clientPathPrefix, eventCb);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  return ready;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 3) {
+    std::printf("usage: %s [server_path] [client_path_prefix(==dir)]\n", argv[0]);
+    return -1;
+  }
+  if (!SetUpIpcClient(argv[1], argv[2])) {
+    std::printf("Cannot set ipc_client: please check %s and %s\n", argv[1], argv[2]);
+    return -1;
+  }
+
+  gHaveStartTerminal = tcgetattr(STDIN_FILENO, &gStartTerminal) == 0;
+  signal(SIGTERM, onSignal);
+  signal(SIGINT, onSignal);
+  signal(SIGSEGV, onSignal);
+
+  gCli.setPrompt(kPrompt);
+  gCli.setBanner(kBanner);
+  // The interface takes the table by value: it keeps its own copies.
+  gCli.registerCommands(gDeviceCommands);
+
+  gCli.run();
+  return 0;
+}

@@ -1,0 +1,91 @@
+// kendrivex-sim: plays the device-control service on a Unix datagram socket so
+// that the client can run, and be tested, on any machine. Serves until SIGINT,
+// SIGTERM or SIGHUP, then removes its socket file and exits with status 0.
+#include <signal.h>
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tools/sim/service_path.h"
+#include "tools/sim/sim_log.h"
+#include "tools/sim/sim_options.h"
+#include "tools/sim/sim_service.h"
+
+namespace {
+
+constexpr int kStatusFailure = 1;
+constexpr int kStatusUsage = 2;
+
+// The signals that stop the simulator cleanly. They are blocked in every
+// thread (the threads inherit the mask) and taken by sigwait in main, so
+// that stopping runs as ordinary code rather than in a signal handler. A
+// signal that was ignored when the program started stays ignored: a shell
+// starts background jobs with Ctrl-C ignored, and nohup ignores hang-ups.
+// (A blocked signal is never discarded as ignored, so it must be left out.)
+sigset_t StopSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int signo : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction current = {};
+    if (sigaction(signo, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;
+    sigaddset(&signals, signo);
+  }
+  return signals;
+}
+
+int WaitForStopSignal(const sigset_t& signals) {
+  int signo = 0;
+  while (sigwait(&signals, &signo) != 0) {
+  }
+  return signo;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string program = argc > 0 ? argv[0] : "kendrivex-sim";
+  const std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
+  zel::sim::SimOptions options;
+  std::string error;
+  switch (zel::sim::SimOptions::Parse(args, options, error)) {
+    case zel::sim::SimOptions::Outcome::Help:
+      std::fputs(zel::sim::SimOptions::Usage(program).c_str(), stdout);
+      return 0;
+    case zel::sim::SimOptions::Outcome::Error:
+      std::fprintf(stderr, "%s: %s\n%s", program.c_str(), error.c_str(),
+                   zel::sim::SimOptions::Usage(program).c_str());
+      return kStatusUsage;
+    case zel::sim::SimOptions::Outcome::Run:
+      break;
+  }
+  const std::string problem = zel::sim::ServicePath::Problem(options.socketPath);
+  if (!problem.empty()) {
+    std::fprintf(stderr, "%s: %s\n", program.c_str(), problem.c_str());
+    return kStatusUsage;
+  }
+
+  const sigset_t stopSignals = StopSignals();
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  // A report reader that went away (a closed pipe) must not end the service
+  // before it has removed its socket file; the lines are simply lost.
+  signal(SIGPIPE, SIG_IGN);
+
+  auto log = options.logPath.empty() ? std::make_unique<zel::sim::SimLog>()
+                                     : std::make_unique<zel::sim::SimLog>(options.logPath);
+  if (!log->Ok()) {
+    std::fprintf(stderr, "%s: cannot open the log file [%s]\n", program.c_str(), options.logPath.c_str());
+    return kStatusFailure;
+  }
+  auto service = std::make_unique<zel::sim::SimService>(options, *log);
+  if (!service->Ready()) {
+    std::fprintf(stderr, "%s: cannot bind a socket at [%s]\n", program.c_str(), options.socketPath.c_str());
+    return kStatusFailure;
+  }
+  log->Line("serving on [" + options.socketPath + "]");
+  const int signo = WaitForStopSignal(stopSignals);
+  log->Line("stopping on signal " + std::to_string(signo));
+  service.reset();
+  return 0;
+}
