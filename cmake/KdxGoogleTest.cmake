@@ -9,7 +9,21 @@ set(BUILD_GMOCK ON CACHE BOOL "" FORCE)
 add_subdirectory(${KDX_GTEST_SOURCE_DIR} ${CMAKE_BINARY_DIR}/_deps/googletest EXCLUDE_FROM_ALL SYSTEM)
 include(GoogleTest)
 
-# kdx_add_gtest(<name> SOURCES <files...> LIBS <targets...>)
+# Emulated test runs are several times slower than native ones; the cross
+# presets scale every CTest time-out by this factor.
+set(KDX_TEST_TIMEOUT_FACTOR 1 CACHE STRING "Multiplier for the CTest time-out of every test")
+
+# In a cross build the tests themselves run under the emulator, and the
+# programs they start (on a pseudo-terminal, or as death-test children) must
+# be put behind the same emulator: KDX_TEST_LAUNCHER carries its command line.
+# Other add_test() calls can use KDX_TEST_ENVIRONMENT for the same purpose.
+set(KDX_TEST_ENVIRONMENT "")
+if(CMAKE_CROSSCOMPILING AND CMAKE_CROSSCOMPILING_EMULATOR)
+  list(JOIN CMAKE_CROSSCOMPILING_EMULATOR " " KDX_TEST_LAUNCHER)
+  set(KDX_TEST_ENVIRONMENT "KDX_TEST_LAUNCHER=${KDX_TEST_LAUNCHER}")
+endif()
+
+# kdx_add_gtest(<name> SOURCES <files...> LIBS <targets...> [TIMEOUT <s>])
 # One test executable linked with the syslog capture and the shared test main;
 # each test case becomes its own CTest test, discovered when CTest runs (so
 # that cross builds discover through the emulator).
@@ -18,10 +32,18 @@ function(kdx_add_gtest name)
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)
   endif()
+  math(EXPR timeout "${ARG_TIMEOUT} * ${KDX_TEST_TIMEOUT_FACTOR}")
+  math(EXPR discoveryTimeout "60 * ${KDX_TEST_TIMEOUT_FACTOR}")
+  set(properties TIMEOUT ${timeout})
+  if(KDX_TEST_ENVIRONMENT)
+    list(APPEND properties ENVIRONMENT "${KDX_TEST_ENVIRONMENT}")
+  endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE ${ARG_LIBS} kdx_test_support GTest::gmock)
+  # End-to-end tests preload the syslog capture into the programs they start.
+  add_dependencies(${name} kdx_syslog_preload)
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
-    DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT ${ARG_TIMEOUT})
+    DISCOVERY_TIMEOUT ${discoveryTimeout}
+    PROPERTIES ${properties})
 endfunction()

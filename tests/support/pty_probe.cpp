@@ -1,6 +1,7 @@
 // A small program for the test-support self-tests: it logs, reads keys the way
-// an interactive program does (non-canonical only while waiting) and exits
-// with a chosen status.
+// an interactive program does (non-canonical only while waiting), reports its
+// process id and the signals it catches, and exits with a chosen status.
+#include <signal.h>
 #include <syslog.h>
 #include <termios.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 namespace {
 
@@ -23,6 +25,28 @@ int ReadKey() {
   return n == 1 ? c : -1;
 }
 
+int ReadKeysUntilQ() {
+  while (true) {
+    std::printf("key>");
+    std::fflush(stdout);
+    const int c = ReadKey();
+    if (c < 0) return 2;
+    std::printf("[%02x]\n", c);
+    if (c == 'q') return 0;
+  }
+}
+
+// Reports the signal with async-signal-safe calls only; SIGSEGV ends the
+// program with status 4, the others let it carry on.
+void Caught(int signo) {
+  char text[] = "caught 00\n";
+  text[7] = static_cast<char>('0' + signo / 10 % 10);
+  text[8] = static_cast<char>('0' + signo % 10);
+  const ssize_t ignored = write(1, text, sizeof text - 1);
+  (void)ignored;
+  if (signo == SIGSEGV) _exit(4);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -33,21 +57,24 @@ int main(int argc, char** argv) {
     std::printf("logged\n");
     return 3;
   }
-  if (std::strcmp(mode, "keys") == 0) {
-    while (true) {
-      std::printf("key>");
-      std::fflush(stdout);
-      const int c = ReadKey();
-      if (c < 0) return 2;
-      std::printf("[%02x]\n", c);
-      if (c == 'q') return 0;
-    }
+  if (std::strcmp(mode, "keys") == 0) return ReadKeysUntilQ();
+  if (std::strcmp(mode, "catch") == 0) {
+    struct sigaction action = {};
+    action.sa_handler = Caught;
+    action.sa_flags = SA_RESTART;  // the key read carries on after the handler
+    sigemptyset(&action.sa_mask);
+    for (int signo : {SIGINT, SIGTERM, SIGSEGV}) sigaction(signo, &action, nullptr);
+    return ReadKeysUntilQ();
+  }
+  if (std::strcmp(mode, "pid") == 0) {
+    std::printf("pid %d\n", static_cast<int>(getpid()));
+    return 0;
   }
   if (std::strcmp(mode, "stderr") == 0) {
     std::fprintf(stderr, "to stderr\n");
     std::printf("to stdout\n");
     return 0;
   }
-  std::printf("usage: %s log|keys|stderr\n", argv[0]);
+  std::printf("usage: %s log|keys|catch|pid|stderr\n", argv[0]);
   return 1;
 }

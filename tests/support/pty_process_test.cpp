@@ -3,6 +3,7 @@
 
 #include <fstream>
 #include <sstream>
+#include <string>
 
 #include "gtest/gtest.h"
 #include "tests/support/pty_process.h"
@@ -55,6 +56,34 @@ TEST(PtyProcessTest, SignalEndsAProgramWithDefaultDisposition) {
   EXPECT_TRUE(WIFSIGNALED(*status));
   EXPECT_EQ(WTERMSIG(*status), SIGTERM);
   EXPECT_EQ(PtyProcess::ExitCode(*status), -1);
+}
+
+TEST(PtyProcessTest, HandledSignalReachesTheProgramWhichCarriesOn) {
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "catch"});
+  ASSERT_TRUE(probe.WaitForKeyRead());
+  probe.Signal(SIGINT);
+  ASSERT_TRUE(probe.WaitForOutput("caught 02\r\n"));
+  ASSERT_TRUE(probe.Type("q"));
+  const auto status = probe.WaitForExit();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(PtyProcess::ExitCode(*status), 0);
+  EXPECT_EQ(probe.Output(), "key>caught 02\r\n[71]\r\n");
+}
+
+TEST(PtyProcessTest, SegvSentFromOutsideRunsTheProgramsHandler) {
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "catch"});
+  ASSERT_TRUE(probe.WaitForKeyRead());
+  probe.Signal(SIGSEGV);
+  const auto status = probe.WaitForExit();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(PtyProcess::ExitCode(*status), 4);
+  EXPECT_EQ(probe.Output(), "key>caught 11\r\n");
+}
+
+TEST(PtyProcessTest, PidIsTheProcessIdTheProgramSees) {
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "pid"});
+  ASSERT_TRUE(probe.WaitForExit().has_value());
+  EXPECT_EQ(probe.Output(), "pid " + std::to_string(probe.Pid()) + "\r\n");
 }
 
 TEST(PtyProcessTest, StandardErrorCanGoToAFile) {

@@ -20,6 +20,13 @@ TEST(SyslogFileTest, PreloadedLibraryWritesEveryRecordOfARealProgram) {
                                                               {LOG_ERR, "second without line end"}}));
 }
 
+TEST(SyslogFileTest, PreloadedLibraryLeavesTheTerminalOutputAlone) {
+  TempDir dir;
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "log"}, {SyslogCaptureEnv(dir.File("syslog")), ""});
+  ASSERT_TRUE(probe.WaitForExit().has_value());
+  EXPECT_EQ(probe.Output(), "logged\r\n");
+}
+
 TEST(SyslogFileTest, MissingFileHasNoRecords) {
   TempDir dir;
   EXPECT_TRUE(ReadSyslogFile(dir.File("absent")).empty());

@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# Builds the Debian packages with CPack: amd64 from the release build, armhf
+# (the device) from the cross build. Usage: scripts/package.sh [amd64] [armhf]
+# (both when none is named). The packages are put in build/packages/.
+#
+# The builds are configured to install under /usr with Debian's multiarch
+# library directory, as the packages do; `cmake --install <build> --prefix
+# <dir>` still installs anywhere else. KDX_BUILD_ROOT (default: build) names
+# the directory that holds the release and armhf build directories.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+archs=("$@")
+[ ${#archs[@]} -eq 0 ] && archs=(amd64 armhf)
+build_root="${KDX_BUILD_ROOT:-build}"
+out=build/packages
+mkdir -p "$out"
+
+for arch in "${archs[@]}"; do
+  case "$arch" in
+    amd64) preset=release; triplet=x86_64-linux-gnu ;;
+    armhf) preset=armhf; triplet=arm-linux-gnueabihf ;;
+    *) echo "unknown architecture '$arch': amd64 or armhf" >&2; exit 2 ;;
+  esac
+  # CPack reads the libraries' sonames with readelf and finds them with file.
+  scripts/deps.sh "$preset" file
+  dir="$build_root/$preset"
+  start=$(date +%s)
+  cmake --preset "$preset" -B "$dir" \
+    -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$triplet" >/dev/null
+  cmake --build "$dir"
+  rm -f "$dir"/*.deb "$out"/*_"$arch".deb
+  (cd "$dir" && cpack >/dev/null)
+  mv "$dir"/*.deb "$out"/
+  echo "packages ($arch) took $(( $(date +%s) - start )) s:"
+  ls -l "$out"/*_"$arch".deb
+done
