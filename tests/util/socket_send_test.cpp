@@ -195,6 +195,21 @@ TEST_F(SocketSendTest, RecvTimedWaitReturnsADatagramThatArrivesLater) {
   EXPECT_STREQ(buffer, "late");
 }
 
+TEST_F(SocketSendTest, RecvTimedWaitKeepsTimeOutsBeyondThirtyTwoBits) {
+  // 2^32 microseconds: cut to 32 bits it would be no wait at all, and the
+  // datagram, sent only once the receiver waits in select, would be missed.
+  const pid_t receiver = testkit::CurrentTid();
+  std::thread sender([this, receiver] {
+    ASSERT_TRUE(testkit::PollUntil([receiver] { return testkit::InSelect(receiver); }));
+    EXPECT_EQ(mClient.SendTo(mDir.File("srv"), "long", 4), 4);
+  });
+  char buffer[8] = {};
+  EXPECT_EQ(mServer.RecvTimedWait(buffer, sizeof(buffer), UINT64_C(4294967296)), 4);
+  sender.join();
+  EXPECT_STREQ(buffer, "long");
+  EXPECT_TRUE(SyslogCapture::Records().empty());
+}
+
 TEST_F(SocketSendTest, RecvTimedWaitOfOneAndAHalfSecondsExpires) {
   char buffer[8];
   errno = 0;
