@@ -43,6 +43,25 @@ int NewEventFd(const std::vector<int>& before) {
   return -1;
 }
 
+// A monitor whose loop is held at a gate, with the eventfd it made, so that
+// the commands written to it can be read before the loop takes them.
+// Declare it after the pipes and records its callbacks use.
+struct HeldMonitor {
+  HeldMonitor() : before(testkit::EventFds()), eventFd(NewEventFd(before)) {
+    gate.Attach(monitor);
+    held = gate.Hold();
+  }
+  // A test that stops early must not leave the loop held while the monitor
+  // waits for it to end.
+  ~HeldMonitor() { gate.Release(); }
+
+  Gate gate;
+  const std::vector<int> before;
+  FdMonitor monitor;
+  const int eventFd;
+  bool held = false;
+};
+
 // Makes both pipes readable while the loop is held at the gate, so that its
 // next pass finds them ready together.
 bool ReadyInOnePass(Gate& gate, const TestPipe& first, const TestPipe& second) {
@@ -93,37 +112,29 @@ TEST(FdMonitorTest, AnUnknownTypeIsWatchedForReading) {
 
 TEST(FdMonitorTest, AddingWritesTheModifyCommandAsACounterAdd) {
   TestPipe pipe;
-  Gate gate;
-  const std::vector<int> before = testkit::EventFds();
-  FdMonitor monitor;
-  const int eventFd = NewEventFd(before);
-  ASSERT_GE(eventFd, 0);
-  gate.Attach(monitor);
-  ASSERT_TRUE(gate.Hold());
-  EXPECT_EQ(EventFdCount(eventFd), 0u);
-  monitor.AddFd(pipe.ReadFd(), FdType::Read, nullptr);
-  EXPECT_EQ(EventFdCount(eventFd), CommandValue("evt_modi"));
-  monitor.RemoveFd(pipe.ReadFd(), FdType::Read);
-  EXPECT_EQ(EventFdCount(eventFd), 2 * CommandValue("evt_modi"));
-  gate.Release();
-  EXPECT_TRUE(PollUntil([&] { return EventFdCount(eventFd) == 0; }));
+  HeldMonitor m;
+  ASSERT_GE(m.eventFd, 0);
+  ASSERT_TRUE(m.held);
+  EXPECT_EQ(EventFdCount(m.eventFd), 0u);
+  m.monitor.AddFd(pipe.ReadFd(), FdType::Read, nullptr);
+  EXPECT_EQ(EventFdCount(m.eventFd), CommandValue("evt_modi"));
+  m.monitor.RemoveFd(pipe.ReadFd(), FdType::Read);
+  EXPECT_EQ(EventFdCount(m.eventFd), 2 * CommandValue("evt_modi"));
+  m.gate.Release();
+  EXPECT_TRUE(PollUntil([&] { return EventFdCount(m.eventFd) == 0; }));
 }
 
 TEST(FdMonitorTest, AddingARegisteredDescriptorKeepsTheFirstCallbackAndDoesNotWakeTheLoop) {
   TestPipe pipe;
-  Gate gate;
   Calls first;
   Calls second;
-  const std::vector<int> before = testkit::EventFds();
-  FdMonitor monitor;
-  const int eventFd = NewEventFd(before);
-  gate.Attach(monitor);
-  ASSERT_TRUE(gate.Hold());
-  EXPECT_EQ(monitor.AddFd(pipe.ReadFd(), FdType::Read, first.Recorder(&pipe)), 0);
-  ASSERT_EQ(EventFdCount(eventFd), CommandValue("evt_modi"));
-  EXPECT_EQ(monitor.AddFd(pipe.ReadFd(), FdType::Read, second.Recorder(&pipe)), 0);
-  EXPECT_EQ(EventFdCount(eventFd), CommandValue("evt_modi"));
-  gate.Release();
+  HeldMonitor m;
+  ASSERT_TRUE(m.held);
+  EXPECT_EQ(m.monitor.AddFd(pipe.ReadFd(), FdType::Read, first.Recorder(&pipe)), 0);
+  ASSERT_EQ(EventFdCount(m.eventFd), CommandValue("evt_modi"));
+  EXPECT_EQ(m.monitor.AddFd(pipe.ReadFd(), FdType::Read, second.Recorder(&pipe)), 0);
+  EXPECT_EQ(EventFdCount(m.eventFd), CommandValue("evt_modi"));
+  m.gate.Release();
   ASSERT_TRUE(pipe.Write("x"));
   ASSERT_TRUE(first.WaitForCount(1));
   EXPECT_TRUE(second.Fds().empty());
@@ -131,35 +142,27 @@ TEST(FdMonitorTest, AddingARegisteredDescriptorKeepsTheFirstCallbackAndDoesNotWa
 
 TEST(FdMonitorTest, RemovingAnUnregisteredDescriptorWritesNothing) {
   TestPipe pipe;
-  Gate gate;
-  const std::vector<int> before = testkit::EventFds();
-  FdMonitor monitor;
-  const int eventFd = NewEventFd(before);
-  gate.Attach(monitor);
-  ASSERT_TRUE(gate.Hold());
-  EXPECT_EQ(monitor.RemoveFd(pipe.ReadFd(), FdType::Read), 0);
-  EXPECT_EQ(monitor.RemoveFd(gate.Fd(), FdType::Write), 0);
-  EXPECT_EQ(EventFdCount(eventFd), 0u);
-  gate.Release();
+  HeldMonitor m;
+  ASSERT_TRUE(m.held);
+  EXPECT_EQ(m.monitor.RemoveFd(pipe.ReadFd(), FdType::Read), 0);
+  EXPECT_EQ(m.monitor.RemoveFd(m.gate.Fd(), FdType::Write), 0);
+  EXPECT_EQ(EventFdCount(m.eventFd), 0u);
+  m.gate.Release();
 }
 
 TEST(FdMonitorTest, PendingCommandsBeyondTheCounterLimitDoNotBlock) {
   TestPipe a;
   TestPipe b;
   TestPipe c;
-  Gate gate;
   Calls calls;
-  const std::vector<int> before = testkit::EventFds();
-  FdMonitor monitor;
-  const int eventFd = NewEventFd(before);
-  gate.Attach(monitor);
-  ASSERT_TRUE(gate.Hold());
+  HeldMonitor m;
+  ASSERT_TRUE(m.held);
   // Two pending commands nearly fill the counter; the third cannot be added.
-  monitor.AddFd(a.ReadFd(), FdType::Read, calls.Recorder(&a));
-  monitor.AddFd(b.ReadFd(), FdType::Read, calls.Recorder(&b));
-  monitor.AddFd(c.ReadFd(), FdType::Read, calls.Recorder(&c));
-  EXPECT_EQ(EventFdCount(eventFd), 2 * CommandValue("evt_modi"));
-  gate.Release();
+  m.monitor.AddFd(a.ReadFd(), FdType::Read, calls.Recorder(&a));
+  m.monitor.AddFd(b.ReadFd(), FdType::Read, calls.Recorder(&b));
+  m.monitor.AddFd(c.ReadFd(), FdType::Read, calls.Recorder(&c));
+  EXPECT_EQ(EventFdCount(m.eventFd), 2 * CommandValue("evt_modi"));
+  m.gate.Release();
   ASSERT_TRUE(c.Write("x"));
   ASSERT_TRUE(calls.WaitForCount(1));
   EXPECT_EQ(calls.Fds(), std::vector<int>{c.ReadFd()});
