@@ -15,7 +15,8 @@ done
 
 missing=()
 for p in "${packages[@]}"; do
-  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+  status=$(dpkg-query -W -f='${Status}\n' "$p" 2>/dev/null || true)
+  if ! grep -q 'install ok installed' <<<"$status"; then
     missing+=("$p")
   fi
 done
