@@ -55,10 +55,9 @@ zel::cli::Result wlanMac(int /*argc*/, char** /*argv*/) {
 std::vector<CmdLineInterface::Command> MakeDeviceCommands() {
   std::vector<CmdLineInterface::Command> commands;
   commands.reserve(3);
-  commands.push_back({"send_ping", "send ping message to get 'PONG' response", "send_ping",
-                      Bind(sendPing)});
-  commands.push_back({"atcmd_wlanapclist", "get all connected station for wifi AP",
-                      "atcmd_wlanapclist", Bind(wlanApClist)});
+  commands.push_back({"send_ping", "send ping message to get 'PONG' response", "send_ping", Bind(sendPing)});
+  commands.push_back(
+      {"atcmd_wlanapclist", "get all connected station for wifi AP", "atcmd_wlanapclist", Bind(wlanApClist)});
   commands.push_back({"atcmd_wlanmac", "get wif AP's mac address", "atcmd_wlanmac", Bind(wlanMac)});
   return commands;
 }

@@ -11,8 +11,7 @@ namespace zel::cli {
 using KeyType = Console::KeyType;
 
 CmdLineInterface::CandidateScreen::CandidateScreen(const std::list<std::string>& candidates,
-                                                   const std::string& restoreText,
-                                                   CmdLineInterface* owner)
+                                                   const std::string& restoreText, CmdLineInterface* owner)
     : selected(0), candidates(candidates), restoreText(restoreText), owner(owner) {
   draw();
 }
@@ -62,10 +61,9 @@ bool CmdLineInterface::CandidateScreen::moveFirst() {
 
 bool CmdLineInterface::CandidateScreen::select() {
   if (candidates.empty() || static_cast<uint32_t>(selected) >= candidates.size()) {
-    syslog(LOG_ERR, "%s %d: don't do this to me :(\n",
-           "bool zel::cli::CmdLineInterface::CandidateScreen::select()", 698);
-    FailConsistencyCheck("cmd_line_interface", 699,
-                         "bool zel::cli::CmdLineInterface::CandidateScreen::select()");
+    syslog(LOG_ERR, "%s %d: don't do this to me :(\n", "bool zel::cli::CmdLineInterface::CandidateScreen::select()",
+           698);
+    FailConsistencyCheck("cmd_line_interface", 699, "bool zel::cli::CmdLineInterface::CandidateScreen::select()");
   }
   erase();
   CmdLineInterface* const screenOwner = owner;

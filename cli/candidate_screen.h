@@ -17,8 +17,7 @@ class CmdLineInterface::CandidateScreen {
  public:
   // Draws the list at once. `restoreText` erases the drawn list and prints
   // the owner's prompt and line again.
-  CandidateScreen(const std::list<std::string>& candidates, const std::string& restoreText,
-                  CmdLineInterface* owner);
+  CandidateScreen(const std::list<std::string>& candidates, const std::string& restoreText, CmdLineInterface* owner);
   CandidateScreen(const CandidateScreen&) = delete;
   CandidateScreen& operator=(const CandidateScreen&) = delete;
 

@@ -52,8 +52,8 @@ CmdLineInterface::CmdLineInterface()
   using std::placeholders::_2;
   registerCommands({
       {"help", "show commands list", "help", std::bind(&CmdLineInterface::showHelp, this, _1, _2)},
-      {"exit", "exit program", "exit", std::bind(&CmdLineInterface::stop, this, _1, _2)},
-      {"quit", "quit program", "quit", std::bind(&CmdLineInterface::stop, this, _1, _2)},
+      {"exit", "exit program",       "exit", std::bind(&CmdLineInterface::stop,     this, _1, _2)},
+      {"quit", "quit program",       "quit", std::bind(&CmdLineInterface::stop,     this, _1, _2)},
   });
 }
 
@@ -143,11 +143,10 @@ bool CmdLineInterface::addHistory() {
 }
 
 Result CmdLineInterface::showHelp(int /*argc*/, char** /*argv*/) {
-  console.Write(Padded("cmd:", maxNameWidth) + "\t" + Padded("explain:", maxExplainWidth) +
-                "\tusage:\n");
+  console.Write(Padded("cmd:", maxNameWidth) + "\t" + Padded("explain:", maxExplainWidth) + "\tusage:\n");
   for (const Command& cmd : commands) {
-    console.Write(Padded(cmd.name, maxNameWidth) + "\t" + Padded(cmd.explain, maxExplainWidth) +
-                  "\t" + cmd.usage + "\n");
+    console.Write(Padded(cmd.name, maxNameWidth) + "\t" + Padded(cmd.explain, maxExplainWidth) + "\t" + cmd.usage +
+                  "\n");
   }
   return Result::Ok;
 }

@@ -3,8 +3,8 @@
 // The C library's assertion handler: prints "<program>: <file>:<line>:
 // <function>: Assertion `<text>' failed." and aborts. <assert.h> declares it
 // only without NDEBUG, so it is declared here, exactly as the library does.
-extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* file,
-                                           unsigned int line, const char* function) noexcept;
+extern "C" [[noreturn]] void __assert_fail(const char* assertion, const char* file, unsigned int line,
+                                           const char* function) noexcept;
 
 namespace zel::cli {
 

@@ -24,26 +24,24 @@ struct EscapeKey {
   const char* text;
 };
 
-// clang-format off
 constexpr EscapeKey kEscapeKeys[16] = {
-    {KeyType::Home, "1~"},
-    {KeyType::Insert, "2~"},
-    {KeyType::Delete, "3~"},
-    {KeyType::End, "4~"},
-    {KeyType::PageUp, "5~"},
-    {KeyType::PageDown, "6~"},
-    {KeyType::Home, "7~"},
-    {KeyType::End, "8~"},
-    {KeyType::WordLeft, "1;5D"},
+    {KeyType::Home,      "1~"  },
+    {KeyType::Insert,    "2~"  },
+    {KeyType::Delete,    "3~"  },
+    {KeyType::End,       "4~"  },
+    {KeyType::PageUp,    "5~"  },
+    {KeyType::PageDown,  "6~"  },
+    {KeyType::Home,      "7~"  },
+    {KeyType::End,       "8~"  },
+    {KeyType::WordLeft,  "1;5D"},
     {KeyType::WordRight, "1;5C"},
-    {KeyType::Up, "A"},
-    {KeyType::Down, "B"},
-    {KeyType::Right, "C"},
-    {KeyType::Left, "D"},
-    {KeyType::End, "F"},
-    {KeyType::Home, "H"},
+    {KeyType::Up,        "A"   },
+    {KeyType::Down,      "B"   },
+    {KeyType::Right,     "C"   },
+    {KeyType::Left,      "D"   },
+    {KeyType::End,       "F"   },
+    {KeyType::Home,      "H"   },
 };
-// clang-format on
 
 // The longest text after "\e[" that can name a key.
 constexpr size_t kMaxEscapeLength = 4;
@@ -87,7 +85,10 @@ Console::~Console() {
 
 char Console::GetChar() {
   RawModeGuard rawMode;
-  struct pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {mEventFd, POLLIN, 0}};
+  struct pollfd fds[2] = {
+      {STDIN_FILENO, POLLIN, 0},
+      {mEventFd,     POLLIN, 0}
+  };
   char c = 0;
   // Anything but plain readable input (a wake-up, a hang-up, an interrupted
   // poll) yields 0. The wake-up event is never consumed, so once woken every

@@ -103,8 +103,7 @@ bool CmdLineInterface::handleKey(char c, Console::KeyType type) {
 bool CmdLineInterface::insertString(std::string& s) {
   if (cursor > currentLine.size()) {
     syslog(LOG_ERR, "%s %d : this should not happend\n", "insertString", 466);
-    FailConsistencyCheck("cmd_line_interface", 467,
-                         "bool zel::cli::CmdLineInterface::insertString(std::string&)");
+    FailConsistencyCheck("cmd_line_interface", 467, "bool zel::cli::CmdLineInterface::insertString(std::string&)");
   }
   const std::string tail = currentLine.substr(cursor);
   // The new text and the old tail, then back to just after the new text.
@@ -222,8 +221,7 @@ bool CmdLineInterface::complete() {
     insertString(matches.front());
     return true;
   }
-  candidateScreen = std::make_unique<CandidateScreen>(
-      matches, BuildRestoreText(matches, prompt, currentLine), this);
+  candidateScreen = std::make_unique<CandidateScreen>(matches, BuildRestoreText(matches, prompt, currentLine), this);
   return true;
 }
 

@@ -43,8 +43,7 @@ void CopyResult(const IPCResult& reply, ClientHandleResult& result) {
 
 }  // namespace
 
-IPCClient* CreateClientHandle(const char* server_path, const char* client_prefix,
-                              uint32_t user_value) {
+IPCClient* CreateClientHandle(const char* server_path, const char* client_prefix, uint32_t user_value) {
   if (server_path == nullptr || client_prefix == nullptr) return nullptr;
   auto client = std::make_unique<IPCClient>();
   {

@@ -33,8 +33,7 @@ extern std::mutex gClientRegistryMutex;
 // A new client set up with a callback that ignores events (so its event socket
 // is made and registered); null when the set-up fails. Set-ups from several
 // threads run one after the other.
-IPCClient* CreateClientHandle(const char* server_path, const char* client_prefix,
-                              uint32_t user_value);
+IPCClient* CreateClientHandle(const char* server_path, const char* client_prefix, uint32_t user_value);
 
 // Sends `cmd` with the first `argc` strings of `argv` (fewer if a null entry
 // comes first) through a registered client, with no range check. An unknown

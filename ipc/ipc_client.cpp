@@ -15,10 +15,8 @@ namespace {
 
 const char kSetLocalPathText[] =
     "bool zel::ipc::IPCClient::SetLocalPath(std::string, std::string, zel::ipc::IPCClient::EventCb)";
-const char kSendFormatStringText[] =
-    "zel::ipc::IPCResult zel::ipc::IPCClient::SendFormatString(std::string)";
-const char kEventServerCbText[] =
-    "bool zel::ipc::IPCClient::EventServerCb(int, int, std::string, void*, size_t)";
+const char kSendFormatStringText[] = "zel::ipc::IPCResult zel::ipc::IPCClient::SendFormatString(std::string)";
+const char kEventServerCbText[] = "bool zel::ipc::IPCClient::EventServerCb(int, int, std::string, void*, size_t)";
 
 // One process may make this many clients in one directory.
 constexpr int kClientSlots = 10;
@@ -55,17 +53,15 @@ bool FitsSocketAddress(const std::string& path, int line) {
 
 // Checks the service's socket and the directory, and picks the client's
 // socket path; false (with the reason logged) when set-up cannot go on.
-bool ChooseClientPath(const std::string& server_path, const std::string& client_prefix,
-                      bool withEvents, std::string& clientPath) {
+bool ChooseClientPath(const std::string& server_path, const std::string& client_prefix, bool withEvents,
+                      std::string& clientPath) {
   if (!Exists(server_path)) {
-    syslog(LOG_INFO, "%s %d: no server activated on [%s]\n", kSetLocalPathText, 47,
-           server_path.c_str());
+    syslog(LOG_INFO, "%s %d: no server activated on [%s]\n", kSetLocalPathText, 47, server_path.c_str());
     return false;
   }
   if (!FitsSocketAddress(server_path, 49)) return false;
   if (!Exists(client_prefix)) {
-    syslog(LOG_ERR, "%s %d: no such directory for client socket [%s]\n", kSetLocalPathText, 53,
-           client_prefix.c_str());
+    syslog(LOG_ERR, "%s %d: no such directory for client socket [%s]\n", kSetLocalPathText, 53, client_prefix.c_str());
     return false;
   }
   std::string dir = client_prefix;
@@ -138,8 +134,7 @@ IPCResult IPCClient::Failure(int32_t code) {
 IPCResult IPCClient::SendFormatString(std::string line) {
   syslog(LOG_DEBUG, "client snd [%s]\n", line.c_str());
   if (!mClient) {
-    syslog(LOG_ERR, "%s %d: no client socket, set the local path first\n", kSendFormatStringText,
-           101);
+    syslog(LOG_ERR, "%s %d: no client socket, set the local path first\n", kSendFormatStringText, 101);
     return Failure(ResultNotConnected);
   }
   const ssize_t sent = mClient->Send(line);
@@ -163,17 +158,15 @@ IPCResult IPCClient::SendFormatString(std::string line) {
   return ParseReply(std::move(reply));
 }
 
-IPCResult IPCClient::SendRequest(const IPCRequest& request) {
-  return SendFormatString(FormatRequest(request));
-}
+IPCResult IPCClient::SendRequest(const IPCRequest& request) { return SendFormatString(FormatRequest(request)); }
 
 bool IPCClient::EventServerCb(int sf, int cf, std::string path, void* data, size_t len) {
   // The text ends at its first zero byte; an event that filled the server's
   // whole buffer has none and ends with its length instead.
   const char* bytes = static_cast<const char*>(data);
   std::string text = bytes != nullptr ? std::string(bytes, strnlen(bytes, len)) : std::string();
-  syslog(LOG_DEBUG, "%s %d: sf [%d] cf [%d] path [%s] data [%s]\n", kEventServerCbText, 162, sf, cf,
-         path.c_str(), text.c_str());
+  syslog(LOG_DEBUG, "%s %d: sf [%d] cf [%d] path [%s] data [%s]\n", kEventServerCbText, 162, sf, cf, path.c_str(),
+         text.c_str());
   IPCEvent event = ParseEvent(std::move(text));
   if (event.id != 0 && mEventCb) mEventCb(event);
   return true;
@@ -209,9 +202,7 @@ void IPCClient::RetryThreadLoop() {
   }
 }
 
-bool IPCClient::RetryShouldGoOn() const {
-  return mRetryRunning && mEventServer && !mEventPath.empty();
-}
+bool IPCClient::RetryShouldGoOn() const { return mRetryRunning && mEventServer && !mEventPath.empty(); }
 
 void IPCClient::WaitBeforeRetry() {
   // Never taken together with the send mutex: Send has returned by now.

@@ -57,8 +57,8 @@ typedef struct kdx_ipc_result {
  * when no socket path is free. May take up to 5 seconds when the service does
  * not answer the registration.
  */
-KDX_IPC_API kdx_ipc_client* kdx_ipc_create_client(const char* server_path,
-                                                  const char* client_prefix, uint32_t user_value);
+KDX_IPC_API kdx_ipc_client* kdx_ipc_create_client(const char* server_path, const char* client_prefix,
+                                                  uint32_t user_value);
 
 /*
  * Sends command cmd with the first argc strings of argv (fewer if a NULL entry
@@ -66,8 +66,7 @@ KDX_IPC_API kdx_ipc_client* kdx_ipc_create_client(const char* server_path,
  * KDX_IPC_RESULT_IO_FAILURE when no reply came; code and count are 0 for a
  * handle that kdx_ipc_create_client did not return.
  */
-KDX_IPC_API kdx_ipc_result kdx_ipc_send(kdx_ipc_client* handle, uint32_t cmd, int argc,
-                                        char** argv);
+KDX_IPC_API kdx_ipc_result kdx_ipc_send(kdx_ipc_client* handle, uint32_t cmd, int argc, char** argv);
 
 #ifdef __cplusplus
 }

@@ -92,13 +92,15 @@ class AnsweringService {
   void Serve() {
     char buffer[8192];
     while (true) {
-      pollfd fds[2] = {{mFd, POLLIN, 0}, {mStop[0], POLLIN, 0}};
+      pollfd fds[2] = {
+          {mFd,      POLLIN, 0},
+          {mStop[0], POLLIN, 0}
+      };
       ::poll(fds, 2, -1);
       if (fds[1].revents != 0) return;
       sockaddr_un sender{};
       socklen_t length = sizeof sender;
-      if (::recvfrom(mFd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&sender),
-                     &length) < 0) {
+      if (::recvfrom(mFd, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&sender), &length) < 0) {
         continue;
       }
       static const char kReply[] = "1\tPONG";

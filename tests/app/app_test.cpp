@@ -54,8 +54,7 @@ LogRecord UnknownKey(unsigned byte) {
 }
 
 void AppTest::StartSim(const std::vector<std::string>& options) {
-  sim = std::make_unique<SimProcess>(KDX_SIM_PATH, ServicePath(), dir.File("sim.log"), dir.File("sim.syslog"),
-                                     options);
+  sim = std::make_unique<SimProcess>(KDX_SIM_PATH, ServicePath(), dir.File("sim.log"), dir.File("sim.syslog"), options);
   ASSERT_TRUE(sim->WaitUntilServing()) << ::zel::test::Printable(sim->Process().Output());
 }
 

@@ -104,8 +104,7 @@ TEST_F(ClientSocketTest, AllTenSlotsTakenFailsTheSetUp) {
   const std::optional<int> status = client->WaitForExit();
   ASSERT_TRUE(status.has_value());
   EXPECT_EQ(PtyProcess::ExitCode(*status), 255);
-  EXPECT_EQ(client->Output(),
-            "Cannot set ipc_client: please check " + ServicePath() + " and " + dir.path() + "\r\n");
+  EXPECT_EQ(client->Output(), "Cannot set ipc_client: please check " + ServicePath() + " and " + dir.path() + "\r\n");
   EXPECT_EQ(Records().back(),
             (LogRecord{LOG_INFO,
                        "bool zel::ipc::IPCClient::SetLocalPath(std::string, std::string, zel::ipc::IPCClient::EventCb) "
@@ -134,8 +133,7 @@ TEST_F(ClientSocketTest, PrefixWithTwoTrailingSlashesKeepsOneTooMany) {
 TEST_F(ClientSocketTest, EventsArriveAndAreIgnored) {
   StartSim({"--event-interval", "20", "--event-id", "7", "--event-text", "link up"});
   StartSession();
-  const std::string start =
-      "bool zel::ipc::IPCClient::EventServerCb(int, int, std::string, void*, size_t) 162: sf [";
+  const std::string start = "bool zel::ipc::IPCClient::EventServerCb(int, int, std::string, void*, size_t) 162: sf [";
   const std::string end = "] cf [0] path [] data [7\tlink up]\n";
   EXPECT_TRUE(::zel::test::WaitForSyslogFile(SyslogFile(), [&](const std::vector<LogRecord>& records) {
     size_t events = 0;
@@ -162,8 +160,8 @@ TEST_F(ClientSocketTest, UnregistrationIsSentEvenWhenTheRegistrationWasRefused) 
   ASSERT_LE(requests.size(), 3u);
   for (size_t i = 0; i + 1 < requests.size(); ++i) {
     EXPECT_EQ(requests[i].text, Registration());
-    EXPECT_EQ(requests[i].outcome, "reply [3] (registration refused on purpose, " + std::to_string(4 - i) +
-                                       " more to refuse)");
+    EXPECT_EQ(requests[i].outcome,
+              "reply [3] (registration refused on purpose, " + std::to_string(4 - i) + " more to refuse)");
   }
   EXPECT_EQ(requests.back().text, Unregistration());
   EXPECT_EQ(requests.back().outcome, "reply [1] (was not registered, 0 event paths)");
@@ -173,7 +171,9 @@ TEST_F(ClientSocketTest, RefusedRegistrationIsRetriedAtOnceAndThenAfterFiveSecon
   StartSim({"--refuse-register", "2"});
   StartSession();
   // The session does not wait for the retries.
-  Expect("send_ping\r", "send_ping\r\nPING response : PONG\r\n" "hi>");
+  Expect("send_ping\r",
+         "send_ping\r\nPING response : PONG\r\n"
+         "hi>");
   const auto registrations = [this] {
     std::vector<SimProcess::Request> found;
     for (const SimProcess::Request& request : sim->Requests()) {
@@ -181,9 +181,8 @@ TEST_F(ClientSocketTest, RefusedRegistrationIsRetriedAtOnceAndThenAfterFiveSecon
     }
     return found;
   };
-  ASSERT_TRUE(SimProcess::WaitForLines(dir.File("sim.log"), [&](const std::vector<std::string>&) {
-    return registrations().size() >= 2;
-  }));
+  ASSERT_TRUE(SimProcess::WaitForLines(dir.File("sim.log"),
+                                       [&](const std::vector<std::string>&) { return registrations().size() >= 2; }));
   const auto secondSeen = std::chrono::steady_clock::now();
   ASSERT_TRUE(SimProcess::WaitForLines(
       dir.File("sim.log"), [&](const std::vector<std::string>&) { return registrations().size() >= 3; },

@@ -35,8 +35,8 @@ TEST_F(InterfaceTest, TabCompletesTheOnlyMatchingName) {
 }
 
 TEST_F(InterfaceTest, TabListsTheMatchesAndEnterTakesTheSelectedOne) {
-  const std::string restore = "\x1b[1F\x1b[1F\r\n" + std::string(17, ' ') + "\r\n" + std::string(13, ' ') +
-                              "\x1b[1F\x1b[1Fhi>a";
+  const std::string restore =
+      "\x1b[1F\x1b[1F\r\n" + std::string(17, ' ') + "\r\n" + std::string(13, ' ') + "\x1b[1F\x1b[1Fhi>a";
   Expect(std::string("a") + kTab, "a\x1b[31m\r\natcmd_wlanapclist\x1b[0m\r\natcmd_wlanmac");
   Expect(kDown, restore + "\r\natcmd_wlanapclist\x1b[31m\r\natcmd_wlanmac\x1b[0m");
   Expect(kEnter, restore + EraseLine(1) + "atcmd_wlanmac");

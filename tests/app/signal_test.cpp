@@ -94,9 +94,8 @@ TEST_F(SignalTest, EverySignalIsReported) {
     ASSERT_TRUE(client->WaitForOutput("got SIGNAL [" + std::to_string(signo) + "]\r\n"));
     ExpectShown("got SIGNAL [" + std::to_string(signo) + "]\r\n");
   }
-  EXPECT_TRUE(::zel::test::WaitForSyslogFile(SyslogFile(), [](const std::vector<LogRecord>& records) {
-    return Count(records, UnknownKey(0)) == 3;
-  }));
+  EXPECT_TRUE(::zel::test::WaitForSyslogFile(
+      SyslogFile(), [](const std::vector<LogRecord>& records) { return Count(records, UnknownKey(0)) == 3; }));
   ExpectEnd("exit\r", "exit\r\n");
 }
 
@@ -142,11 +141,13 @@ TEST_F(SignalTest, SignalDuringARequestEndsItsWaitWithAFailure) {
   EXPECT_EQ(client->TakeOutput(), "send_ping\r\ngot SIGNAL [2]\r\nPING response : FAIL\r\nhi>");
   const std::vector<LogRecord> records = Records();
   ASSERT_GE(records.size(), 3u);
-  EXPECT_EQ(std::vector<LogRecord>(records.end() - 3, records.end()),
-            (std::vector<LogRecord>{
-                {LOG_DEBUG, "client snd [1]\n"},
-                {LOG_ERR, "ssize_t zel::util::Socket::RecvTimedWait(void*, size_t, uint64_t) 639: res [-1] errno [4]\n"},
-                {LOG_ERR, "zel::ipc::IPCResult zel::ipc::IPCClient::SendFormatString(std::string) 112: Recv time out\n"}}));
+  EXPECT_EQ(
+      std::vector<LogRecord>(records.end() - 3, records.end()),
+      (std::vector<LogRecord>{
+          {LOG_DEBUG, "client snd [1]\n"                                                                           },
+          {LOG_ERR,   "ssize_t zel::util::Socket::RecvTimedWait(void*, size_t, uint64_t) 639: res [-1] errno [4]\n"},
+          {LOG_ERR,   "zel::ipc::IPCResult zel::ipc::IPCClient::SendFormatString(std::string) 112: Recv time out\n"}
+  }));
 }
 
 }  // namespace

@@ -41,9 +41,11 @@ TEST_F(StartupTest, MissingServiceSocketIsReportedWithBothArgumentsVerbatim) {
   std::string output;
   EXPECT_EQ(RunToEnd({service, prefix}, output), 255);
   EXPECT_EQ(output, "Cannot set ipc_client: please check " + service + " and " + prefix + "\r\n");
-  EXPECT_EQ(Records(), (std::vector<LogRecord>{
-                           kConstructed,
-                           {LOG_INFO, std::string(kSetLocalPath) + " 47: no server activated on [" + service + "]\n"}}));
+  EXPECT_EQ(
+      Records(),
+      (std::vector<LogRecord>{
+          kConstructed, {LOG_INFO, std::string(kSetLocalPath) + " 47: no server activated on [" + service + "]\n"}
+  }));
 }
 
 TEST_F(StartupTest, MissingClientDirectoryIsReportedWithBothArgumentsVerbatim) {
@@ -52,10 +54,12 @@ TEST_F(StartupTest, MissingClientDirectoryIsReportedWithBothArgumentsVerbatim) {
   std::string output;
   EXPECT_EQ(RunToEnd({ServicePath(), prefix}, output), 255);
   EXPECT_EQ(output, "Cannot set ipc_client: please check " + ServicePath() + " and " + prefix + "\r\n");
-  EXPECT_EQ(Records(), (std::vector<LogRecord>{
-                           kConstructed,
-                           {LOG_ERR, std::string(kSetLocalPath) + " 53: no such directory for client socket [" +
-                                         prefix + "]\n"}}));
+  EXPECT_EQ(
+      Records(),
+      (std::vector<LogRecord>{
+          kConstructed,
+          {LOG_ERR, std::string(kSetLocalPath) + " 53: no such directory for client socket [" + prefix + "]\n"}
+  }));
   EXPECT_TRUE(sim->Requests().empty());
 }
 

@@ -28,8 +28,7 @@ std::string Drawn(const Names& names, int selected) {
   int index = 0;
   for (const std::string& name : names) {
     const bool highlighted = index++ == selected;
-    drawn += (highlighted ? "\x1b[31m" : "") + std::string("\r\n") + name +
-             (highlighted ? "\x1b[0m" : "");
+    drawn += (highlighted ? "\x1b[31m" : "") + std::string("\r\n") + name + (highlighted ? "\x1b[0m" : "");
   }
   return drawn;
 }
@@ -37,8 +36,7 @@ std::string Drawn(const Names& names, int selected) {
 // The restore text of the two atcmd names after typing `typed`, as the
 // terminal receives it.
 std::string AtcmdRestore(const std::string& typed) {
-  return "\x1b[1F\x1b[1F\r\n" + std::string(17, ' ') + "\r\n" + std::string(13, ' ') +
-         "\x1b[1F\x1b[1Fhi>" + typed;
+  return "\x1b[1F\x1b[1F\r\n" + std::string(17, ' ') + "\r\n" + std::string(13, ' ') + "\x1b[1F\x1b[1Fhi>" + typed;
 }
 
 class CandidateScreenTest : public CliTest {
@@ -63,8 +61,7 @@ void PrintTo(const Completion& row, std::ostream* os) {
   *os << "\"" << row.typed << "\" -> \"" << row.completed << "\"";
 }
 
-class SingleMatchTest : public CandidateScreenTest,
-                        public ::testing::WithParamInterface<Completion> {};
+class SingleMatchTest : public CandidateScreenTest, public ::testing::WithParamInterface<Completion> {};
 
 TEST_P(SingleMatchTest, TabReplacesTheLineWithTheName) {
   const std::string typed = GetParam().typed;
@@ -120,8 +117,7 @@ TEST_F(CandidateScreenTest, TabMatchesOnlyAtTheStartOfNames) {
   EXPECT_EQ(screen(), nullptr);
 }
 
-class OpenScreenTest : public CandidateScreenTest,
-                       public ::testing::WithParamInterface<const char*> {};
+class OpenScreenTest : public CandidateScreenTest, public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(OpenScreenTest, SeveralMatchesOpenAListBelowTheLineWithTheFirstInRed) {
   const std::string typed = GetParam();
@@ -130,15 +126,13 @@ TEST_P(OpenScreenTest, SeveralMatchesOpenAListBelowTheLineWithTheFirstInRed) {
   ASSERT_NE(screen(), nullptr);
   EXPECT_EQ(Access::candidates(*screen()), kAtcmdNames);
   EXPECT_EQ(selected(), 0);
-  EXPECT_EQ(Access::restoreText(*screen()), "\x1b[1F\x1b[1F\n" + std::string(17, ' ') + "\n" +
-                                                std::string(13, ' ') + "\x1b[1F\x1b[1Fhi>" + typed);
+  EXPECT_EQ(Access::restoreText(*screen()),
+            "\x1b[1F\x1b[1F\n" + std::string(17, ' ') + "\n" + std::string(13, ' ') + "\x1b[1F\x1b[1Fhi>" + typed);
   EXPECT_EQ(line(), typed);
 }
 
 INSTANTIATE_TEST_SUITE_P(Prefixes, OpenScreenTest, ::testing::Values("a", "atcmd_wlan"),
-                         [](const ::testing::TestParamInfo<const char*>& info) {
-                           return std::string(info.param);
-                         });
+                         [](const ::testing::TestParamInfo<const char*>& info) { return std::string(info.param); });
 
 // --- Moving the selection ---
 
@@ -172,7 +166,9 @@ TEST_F(CandidateScreenTest, PageDownSelectsTheLastAndPageUpTheFirst) {
 }
 
 TEST_F(CandidateScreenTest, NavigationWrapsAroundALongerList) {
-  cli.registerCommands({{"atcmd_x", "", "atcmd_x", nullptr}});
+  cli.registerCommands({
+      {"atcmd_x", "", "atcmd_x", nullptr}
+  });
   OpenAtcmdScreen();
   const Names names = {"atcmd_wlanapclist", "atcmd_wlanmac", "atcmd_x"};
   Press({kDown, kPageDown});
@@ -181,11 +177,10 @@ TEST_F(CandidateScreenTest, NavigationWrapsAroundALongerList) {
   EXPECT_EQ(selected(), 0);
   Press({kUp, kUp});
   EXPECT_EQ(selected(), 1);
-  const std::string restore = "\x1b[1F\x1b[1F\x1b[1F\r\n" + std::string(17, ' ') + "\r\n" +
-                              std::string(13, ' ') + "\r\n" + std::string(7, ' ') +
-                              "\x1b[1F\x1b[1F\x1b[1Fhi>a";
-  ASSERT_EQ(Written(), restore + Drawn(names, 1) + restore + Drawn(names, 2) + restore +
-                           Drawn(names, 0) + restore + Drawn(names, 2) + restore + Drawn(names, 1));
+  const std::string restore = "\x1b[1F\x1b[1F\x1b[1F\r\n" + std::string(17, ' ') + "\r\n" + std::string(13, ' ') +
+                              "\r\n" + std::string(7, ' ') + "\x1b[1F\x1b[1F\x1b[1Fhi>a";
+  ASSERT_EQ(Written(), restore + Drawn(names, 1) + restore + Drawn(names, 2) + restore + Drawn(names, 0) + restore +
+                           Drawn(names, 2) + restore + Drawn(names, 1));
 }
 
 TEST_F(CandidateScreenTest, TypedCharactersAndOtherKeysAreIgnoredWhileOpen) {

@@ -118,8 +118,8 @@ TEST_F(CliEndToEndTest, CompletionCompletesASingleMatch) {
 
 TEST_F(CliEndToEndTest, CompletionListIsShownNavigatedAndSelected) {
   Start();
-  const std::string restore = "\x1b[1F\x1b[1F\r\n" + std::string(17, ' ') + "\r\n" +
-                              std::string(13, ' ') + "\x1b[1F\x1b[1Fhi>a";
+  const std::string restore =
+      "\x1b[1F\x1b[1F\r\n" + std::string(17, ' ') + "\r\n" + std::string(13, ' ') + "\x1b[1F\x1b[1Fhi>a";
   Expect(std::string("a") + kTab, "a\x1b[31m\r\natcmd_wlanapclist\x1b[0m\r\natcmd_wlanmac");
   Expect(kDown, restore + "\r\natcmd_wlanapclist\x1b[31m\r\natcmd_wlanmac\x1b[0m");
   Expect(kEnter, restore + EraseLine(1) + "atcmd_wlanmac");
@@ -129,8 +129,8 @@ TEST_F(CliEndToEndTest, CompletionListIsShownNavigatedAndSelected) {
 TEST_F(CliEndToEndTest, CompletionListClosesOnBackspace) {
   Start();
   Expect(std::string("a") + kTab, "a\x1b[31m\r\natcmd_wlanapclist\x1b[0m\r\natcmd_wlanmac");
-  Expect(kBackspace, "\x1b[1F\x1b[1F\r\n" + std::string(17, ' ') + "\r\n" + std::string(13, ' ') +
-                         "\x1b[1F\x1b[1Fhi>a");
+  Expect(kBackspace,
+         "\x1b[1F\x1b[1F\r\n" + std::string(17, ' ') + "\r\n" + std::string(13, ' ') + "\x1b[1F\x1b[1Fhi>a");
   Expect(kBackspace, "\b \b");
 }
 
@@ -149,8 +149,7 @@ TEST_F(CliEndToEndTest, HistoryRecallsAndRunsAnEarlierLine) {
 TEST_F(CliEndToEndTest, PastedLongLineIsEchoedAndRun) {
   Start();
   const std::string words = Times(" word", 60);  // 300 characters
-  Expect("send_ping" + words + "\r",
-         "send_ping" + words + "\r\nran [send_ping]" + Times(" [word]", 9) + "\r\nhi>");
+  Expect("send_ping" + words + "\r", "send_ping" + words + "\r\nran [send_ping]" + Times(" [word]", 9) + "\r\nhi>");
 }
 
 TEST_F(CliEndToEndTest, UnknownKeyIsLoggedAndNotShown) {

@@ -40,19 +40,13 @@ class CmdLineInterfaceTestAccess {
     return cli.readKey(&info);
   }
   static bool executeLine(CmdLineInterface& cli) { return cli.executeLine(); }
-  static Result dispatch(CmdLineInterface& cli, int argc, char** argv) {
-    return cli.dispatch(argc, argv);
-  }
+  static Result dispatch(CmdLineInterface& cli, int argc, char** argv) { return cli.dispatch(argc, argv); }
   static bool insertString(CmdLineInterface& cli, std::string& s) { return cli.insertString(s); }
-  static bool handleKey(CmdLineInterface& cli, char c, Console::KeyType type) {
-    return cli.handleKey(c, type);
-  }
+  static bool handleKey(CmdLineInterface& cli, char c, Console::KeyType type) { return cli.handleKey(c, type); }
 
   static Screen* screen(CmdLineInterface& cli) { return cli.candidateScreen.get(); }
   static int32_t& selected(Screen& screen) { return screen.selected; }
-  static const std::list<std::string>& candidates(const Screen& screen) {
-    return screen.candidates;
-  }
+  static const std::list<std::string>& candidates(const Screen& screen) { return screen.candidates; }
   static const std::string& restoreText(const Screen& screen) { return screen.restoreText; }
 };
 

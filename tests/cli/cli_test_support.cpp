@@ -100,8 +100,7 @@ size_t PendingInput() {
   // A canonical terminal counts only whole lines, so line editing is off
   // for the moment of the count.
   struct termios saved;
-  if (tcgetattr(STDIN_FILENO, &saved) != 0)
-    throw std::runtime_error("standard input is no terminal");
+  if (tcgetattr(STDIN_FILENO, &saved) != 0) throw std::runtime_error("standard input is no terminal");
   struct termios raw = saved;
   raw.c_lflag &= ~static_cast<tcflag_t>(ICANON);
   tcsetattr(STDIN_FILENO, TCSANOW, &raw);

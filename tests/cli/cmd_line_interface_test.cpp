@@ -50,7 +50,9 @@ TEST(CmdLineInterfaceConstructionTest, SettersAndHooksReportSuccess) {
 TEST_F(CmdLineInterfaceTest, RegistrationTracksTheWidestNameAndExplanation) {
   EXPECT_EQ(Access::maxNameWidth(cli), 17u);
   EXPECT_EQ(Access::maxExplainWidth(cli), 40u);
-  cli.registerCommands({{"n", std::string(45, 'e'), "n", nullptr}});
+  cli.registerCommands({
+      {"n", std::string(45, 'e'), "n", nullptr}
+  });
   EXPECT_EQ(Access::maxNameWidth(cli), 17u);
   EXPECT_EQ(Access::maxExplainWidth(cli), 45u);
 }
@@ -76,9 +78,9 @@ TEST_F(CmdLineInterfaceTest, ShowHelpIgnoresItsArgumentsAndReturnsOk) {
 TEST_F(CmdLineInterfaceTest, HelpNeverCutsAndPadsOnlyShorterTexts) {
   CmdLineInterface bare;
   bare.showHelp(0, nullptr);
-  ASSERT_EQ(Written(), "cmd:\texplain:" + Blanks(10) + "\tusage:\r\n" +
-                           "help\tshow commands list\thelp\r\n" + "exit\texit program" + Blanks(6) +
-                           "\texit\r\n" + "quit\tquit program" + Blanks(6) + "\tquit\r\n");
+  ASSERT_EQ(Written(), "cmd:\texplain:" + Blanks(10) + "\tusage:\r\n" + "help\tshow commands list\thelp\r\n" +
+                           "exit\texit program" + Blanks(6) + "\texit\r\n" + "quit\tquit program" + Blanks(6) +
+                           "\tquit\r\n");
 }
 
 TEST_F(CmdLineInterfaceTest, HelpFollowedByWordsRunsHelpAndRecordsTheWholeLine) {
@@ -198,10 +200,12 @@ TEST_F(CmdLineInterfaceTest, CommandWithoutHandlerFailsWithCodeOne) {
 }
 
 TEST_F(CmdLineInterfaceTest, BuiltinsCannotBeOverridden) {
-  cli.registerCommands({{"help", "another help", "help", [](int, char**) {
-                           std::printf("the other help\n");
-                           return Result::Ok;
-                         }}});
+  cli.registerCommands({
+      {"help", "another help", "help", [](int, char**) {
+         std::printf("the other help\n");
+         return Result::Ok;
+       }}
+  });
   RunLine("help\r");
   const std::string written = Written();
   EXPECT_EQ(written.find("the other help"), std::string::npos);
@@ -209,10 +213,12 @@ TEST_F(CmdLineInterfaceTest, BuiltinsCannotBeOverridden) {
 }
 
 TEST_F(CmdLineInterfaceTest, HandlerThatRegistersCommandsIsStillReportedByItsName) {
-  cli.registerCommands({{"grow", "registers more", "grow", [this](int, char**) {
-                           cli.registerCommands(std::vector<Command>(64, Command{"x", "", "", {}}));
-                           return Result::Fail;
-                         }}});
+  cli.registerCommands({
+      {"grow", "registers more", "grow", [this](int, char**) {
+         cli.registerCommands(std::vector<Command>(64, Command{"x", "", "", {}}));
+         return Result::Fail;
+       }}
+  });
   RunLine("grow\r");
   ASSERT_EQ(Written(), "grow\r\nFailed to do [grow] ret code [1]\r\n");
 }

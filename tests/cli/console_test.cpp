@@ -160,16 +160,27 @@ TEST_F(ConsoleTest, BytesOfAMultiByteCharacterAreLoggedOneByOne) {
 }
 
 TEST_F(ConsoleTest, AllSeventeenKeyTypesDecodeFromOneTypedStream) {
-  terminal.Type(std::string("\x01") + "a" + kBackspace + kEnter + kLeft + kRight + kUp + kDown +
-                kHome + kInsert + kDelete + kEnd + kCtrlLeft + kCtrlRight + kTab + kPageUp +
-                kPageDown + "q");
+  terminal.Type(std::string("\x01") + "a" + kBackspace + kEnter + kLeft + kRight + kUp + kDown + kHome + kInsert +
+                kDelete + kEnd + kCtrlLeft + kCtrlRight + kTab + kPageUp + kPageDown + "q");
   const std::vector<Key> expected = {
-      {1, KeyType::Unknown},   {'a', KeyType::Char},     {127, KeyType::Backspace},
-      {10, KeyType::Enter},    {32, KeyType::Left},      {32, KeyType::Right},
-      {32, KeyType::Up},       {32, KeyType::Down},      {32, KeyType::Home},
-      {32, KeyType::Insert},   {32, KeyType::Delete},    {32, KeyType::End},
-      {32, KeyType::WordLeft}, {32, KeyType::WordRight}, {9, KeyType::Tab},
-      {32, KeyType::PageUp},   {32, KeyType::PageDown},  {'q', KeyType::Char},
+      {1,   KeyType::Unknown  },
+      {'a', KeyType::Char     },
+      {127, KeyType::Backspace},
+      {10,  KeyType::Enter    },
+      {32,  KeyType::Left     },
+      {32,  KeyType::Right    },
+      {32,  KeyType::Up       },
+      {32,  KeyType::Down     },
+      {32,  KeyType::Home     },
+      {32,  KeyType::Insert   },
+      {32,  KeyType::Delete   },
+      {32,  KeyType::End      },
+      {32,  KeyType::WordLeft },
+      {32,  KeyType::WordRight},
+      {9,   KeyType::Tab      },
+      {32,  KeyType::PageUp   },
+      {32,  KeyType::PageDown },
+      {'q', KeyType::Char     },
   };
   std::vector<Key> decoded;
   for (size_t i = 0; i < expected.size(); ++i) decoded.push_back(ReadKey(console));
@@ -213,16 +224,12 @@ TEST_P(EscapeTableTest, SequenceYieldsBlankKeyOfItsTypeAndNothingMore) {
 INSTANTIATE_TEST_SUITE_P(
     AllRows, EscapeTableTest,
     ::testing::Values(EscapeRow{"1~", KeyType::Home}, EscapeRow{"2~", KeyType::Insert},
-                      EscapeRow{"3~", KeyType::Delete}, EscapeRow{"4~", KeyType::End},
-                      EscapeRow{"5~", KeyType::PageUp}, EscapeRow{"6~", KeyType::PageDown},
-                      EscapeRow{"7~", KeyType::Home}, EscapeRow{"8~", KeyType::End},
+                      EscapeRow{"3~", KeyType::Delete}, EscapeRow{"4~", KeyType::End}, EscapeRow{"5~", KeyType::PageUp},
+                      EscapeRow{"6~", KeyType::PageDown}, EscapeRow{"7~", KeyType::Home}, EscapeRow{"8~", KeyType::End},
                       EscapeRow{"1;5D", KeyType::WordLeft}, EscapeRow{"1;5C", KeyType::WordRight},
-                      EscapeRow{"A", KeyType::Up}, EscapeRow{"B", KeyType::Down},
-                      EscapeRow{"C", KeyType::Right}, EscapeRow{"D", KeyType::Left},
-                      EscapeRow{"F", KeyType::End}, EscapeRow{"H", KeyType::Home}),
-    [](const ::testing::TestParamInfo<EscapeRow>& info) {
-      return "Row" + std::to_string(info.index);
-    });
+                      EscapeRow{"A", KeyType::Up}, EscapeRow{"B", KeyType::Down}, EscapeRow{"C", KeyType::Right},
+                      EscapeRow{"D", KeyType::Left}, EscapeRow{"F", KeyType::End}, EscapeRow{"H", KeyType::Home}),
+    [](const ::testing::TestParamInfo<EscapeRow>& info) { return "Row" + std::to_string(info.index); });
 
 // --- Single bytes ---
 
@@ -238,21 +245,19 @@ void PrintTo(const ControlByte& row, std::ostream* os) {
 class ControlByteTest : public ConsoleTest, public ::testing::WithParamInterface<ControlByte> {};
 
 TEST_P(ControlByteTest, ByteYieldsItselfWithItsTypeAndNoLog) {
-  EXPECT_EQ(DecodeByte(console, static_cast<char>(GetParam().byte)),
-            (Key{GetParam().byte, GetParam().type}));
+  EXPECT_EQ(DecodeByte(console, static_cast<char>(GetParam().byte)), (Key{GetParam().byte, GetParam().type}));
   EXPECT_EQ(SyslogCapture::Records(), Records());
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    AllBytes, ControlByteTest,
-    ::testing::Values(ControlByte{2, KeyType::Left}, ControlByte{6, KeyType::Right},
-                      ControlByte{8, KeyType::Backspace}, ControlByte{127, KeyType::Backspace},
-                      ControlByte{9, KeyType::Tab}, ControlByte{10, KeyType::Enter},
-                      ControlByte{13, KeyType::Enter}, ControlByte{14, KeyType::Down},
-                      ControlByte{16, KeyType::Up}),
-    [](const ::testing::TestParamInfo<ControlByte>& info) {
-      return "Byte" + std::to_string(info.param.byte);
-    });
+INSTANTIATE_TEST_SUITE_P(AllBytes, ControlByteTest,
+                         ::testing::Values(ControlByte{2, KeyType::Left}, ControlByte{6, KeyType::Right},
+                                           ControlByte{8, KeyType::Backspace}, ControlByte{127, KeyType::Backspace},
+                                           ControlByte{9, KeyType::Tab}, ControlByte{10, KeyType::Enter},
+                                           ControlByte{13, KeyType::Enter}, ControlByte{14, KeyType::Down},
+                                           ControlByte{16, KeyType::Up}),
+                         [](const ::testing::TestParamInfo<ControlByte>& info) {
+                           return "Byte" + std::to_string(info.param.byte);
+                         });
 
 TEST_F(ConsoleTest, TypedControlBytesDecodeThroughTheTerminal) {
   terminal.Type("\x02\x06\x08\x7f\t\n\x0e\x10");
@@ -317,8 +322,7 @@ TEST_F(ConsoleTest, TerminalIsRawOnlyWhileAKeyIsAwaited) {
   EXPECT_EQ(during.c_iflag, before.c_iflag);
   EXPECT_EQ(during.c_oflag, before.c_oflag);
   EXPECT_EQ(during.c_cflag, before.c_cflag);
-  EXPECT_EQ(std::vector<cc_t>(during.c_cc, during.c_cc + NCCS),
-            std::vector<cc_t>(before.c_cc, before.c_cc + NCCS));
+  EXPECT_EQ(std::vector<cc_t>(during.c_cc, during.c_cc + NCCS), std::vector<cc_t>(before.c_cc, before.c_cc + NCCS));
   EXPECT_EQ(byte, 'k');
   EXPECT_EQ(after.c_lflag, before.c_lflag);
   EXPECT_EQ(after.c_iflag, before.c_iflag);
@@ -417,8 +421,9 @@ TEST_F(ConsoleTest, FailedWriteIsLoggedWithSizesAndReturnsFalse) {
   }
   ::close(readOnly);
   EXPECT_FALSE(written);
-  EXPECT_EQ(SyslogCapture::Records(),
-            Records({{LOG_ERR, "write target size [5] real size [-1]\n"}}));
+  EXPECT_EQ(SyslogCapture::Records(), Records({
+                                          {LOG_ERR, "write target size [5] real size [-1]\n"}
+  }));
 }
 
 TEST_F(ConsoleTest, ShortWriteIsLoggedWithSizesAndNotRetried) {
@@ -440,8 +445,9 @@ TEST_F(ConsoleTest, ShortWriteIsLoggedWithSizesAndNotRetried) {
   ASSERT_GT(arrived.size(), 0u);
   ASSERT_LT(arrived.size(), text.size());
   EXPECT_EQ(SyslogCapture::Records(),
-            Records({{LOG_ERR, "write target size [100000] real size [" +
-                                   std::to_string(arrived.size()) + "]\n"}}));
+            Records({
+                {LOG_ERR, "write target size [100000] real size [" + std::to_string(arrived.size()) + "]\n"}
+  }));
 }
 
 // --- Colours ---
@@ -467,12 +473,11 @@ INSTANTIATE_TEST_SUITE_P(AllColors, SetColorTest,
                          ::testing::Values(ColorBytes{1, "\x1b[31m"}, ColorBytes{2, "\x1b[32m"},
                                            ColorBytes{3, "\x1b[33m"}, ColorBytes{4, "\x1b[34m"},
                                            ColorBytes{5, "\x1b[35m"}, ColorBytes{6, "\x1b[36m"},
-                                           ColorBytes{7, "\x1b[0m"}, ColorBytes{0, ""},
-                                           ColorBytes{8, ""}, ColorBytes{-1, ""}),
+                                           ColorBytes{7, "\x1b[0m"}, ColorBytes{0, ""}, ColorBytes{8, ""},
+                                           ColorBytes{-1, ""}),
                          [](const ::testing::TestParamInfo<ColorBytes>& info) {
                            const int color = info.param.color;
-                           return color < 0 ? "ColorMinus" + std::to_string(-color)
-                                            : "Color" + std::to_string(color);
+                           return color < 0 ? "ColorMinus" + std::to_string(-color) : "Color" + std::to_string(color);
                          });
 
 TEST_F(ConsoleTest, SetColorRedWritesFiveBytes) {
@@ -490,8 +495,9 @@ TEST_F(ConsoleTest, FailedColourWriteIsLogged) {
     console.SetColor(Console::Color::Red);
   }
   ::close(readOnly);
-  EXPECT_EQ(SyslogCapture::Records(),
-            Records({{LOG_ERR, "write target size [5] real size [-1]\n"}}));
+  EXPECT_EQ(SyslogCapture::Records(), Records({
+                                          {LOG_ERR, "write target size [5] real size [-1]\n"}
+  }));
 }
 
 }  // namespace

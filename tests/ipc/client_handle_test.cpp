@@ -13,11 +13,11 @@
 namespace zel::test {
 namespace {
 
+using ::testing::ElementsAre;
 using zel::ipc::ClientHandleResult;
 using zel::ipc::CreateClientHandle;
 using zel::ipc::IPCClient;
 using zel::ipc::SendByHandle;
-using ::testing::ElementsAre;
 
 uint32_t RegisteredValue(IPCClient* handle) {
   std::lock_guard<std::mutex> lock(zel::ipc::gClientRegistryMutex);
@@ -127,8 +127,7 @@ TEST_F(ClientHandleTest, AtMostTwelveArgumentsAreCopied) {
 }
 
 TEST_F(ClientHandleTest, EachArgumentKeepsAtMost254Characters) {
-  mService.Script(zel::ipc::WlanMac, Answer::Reply("1\t" + std::string(300, 'm') + "\t" +
-                                                   std::string(254, 'n')));
+  mService.Script(zel::ipc::WlanMac, Answer::Reply("1\t" + std::string(300, 'm') + "\t" + std::string(254, 'n')));
   IPCClient* handle = Create();
   ASSERT_NE(handle, nullptr);
   const ClientHandleResult result = SendByHandle(handle, zel::ipc::WlanMac, 0, nullptr);

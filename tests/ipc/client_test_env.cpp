@@ -12,10 +12,8 @@ namespace zel::test {
 
 const char kSetLocalPathText[] =
     "bool zel::ipc::IPCClient::SetLocalPath(std::string, std::string, zel::ipc::IPCClient::EventCb)";
-const char kSendFormatStringText[] =
-    "zel::ipc::IPCResult zel::ipc::IPCClient::SendFormatString(std::string)";
-const char kEventServerCbText[] =
-    "bool zel::ipc::IPCClient::EventServerCb(int, int, std::string, void*, size_t)";
+const char kSendFormatStringText[] = "zel::ipc::IPCResult zel::ipc::IPCClient::SendFormatString(std::string)";
+const char kEventServerCbText[] = "bool zel::ipc::IPCClient::EventServerCb(int, int, std::string, void*, size_t)";
 
 ClientTest::ClientTest() : mService(mDir.File("service")) {
   mService.Script(zel::ipc::Ping, Answer::Reply("1\tPONG"));
@@ -42,13 +40,11 @@ zel::ipc::IPCClient::EventCb EventSink::Callback() {
 }
 
 bool EventSink::WaitForCount(size_t count, milliseconds timeout) const {
-  return WaitFor([count](const std::vector<zel::ipc::IPCEvent>& e) { return e.size() >= count; },
-                 timeout);
+  return WaitFor([count](const std::vector<zel::ipc::IPCEvent>& e) { return e.size() >= count; }, timeout);
 }
 
-bool EventSink::WaitFor(
-    const std::function<bool(const std::vector<zel::ipc::IPCEvent>&)>& predicate,
-    milliseconds timeout) const {
+bool EventSink::WaitFor(const std::function<bool(const std::vector<zel::ipc::IPCEvent>&)>& predicate,
+                        milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(mMutex);
   return mChanged.wait_for(lock, timeout, [&] { return predicate(mEvents); });
 }
@@ -93,8 +89,7 @@ std::vector<LogRecord> RecordsStartingWith(const std::string& prefix) {
   return matching;
 }
 
-double SecondsBetween(std::chrono::steady_clock::time_point from,
-                      std::chrono::steady_clock::time_point to) {
+double SecondsBetween(std::chrono::steady_clock::time_point from, std::chrono::steady_clock::time_point to) {
   return std::chrono::duration<double>(to - from).count();
 }
 

@@ -64,8 +64,7 @@ bool HasRecord(const LogRecord& record);
 // Log records whose text starts with `prefix`.
 std::vector<LogRecord> RecordsStartingWith(const std::string& prefix);
 // Seconds between two points in time.
-double SecondsBetween(std::chrono::steady_clock::time_point from,
-                      std::chrono::steady_clock::time_point to);
+double SecondsBetween(std::chrono::steady_clock::time_point from, std::chrono::steady_clock::time_point to);
 
 // The function texts that the client's log records quote.
 extern const char kSetLocalPathText[];

@@ -33,8 +33,7 @@ class Peer {
 
   void SendTo(const std::string& path, const std::string& bytes) const {
     const sockaddr_un address = Address(path);
-    ASSERT_EQ(::sendto(mFd, bytes.data(), bytes.size(), 0,
-                       reinterpret_cast<const sockaddr*>(&address), sizeof address),
+    ASSERT_EQ(::sendto(mFd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&address), sizeof address),
               static_cast<ssize_t>(bytes.size()));
   }
 

@@ -12,32 +12,27 @@
 namespace zel::test {
 namespace {
 
-using zel::ipc::IPCClient;
-using zel::ipc::IPCEvent;
 using ::testing::EndsWith;
 using ::testing::SizeIs;
 using ::testing::StartsWith;
+using zel::ipc::IPCClient;
+using zel::ipc::IPCEvent;
 using Fields = std::vector<std::string>;
 
 // A client whose event socket is registered; events go to mEvents.
 class EventTest : public ClientTest {
  protected:
-  EventTest() {
-    EXPECT_TRUE(mClient.SetLocalPath(mService.path(), mDir.path(), mEvents.Callback()));
-  }
+  EventTest() { EXPECT_TRUE(mClient.SetLocalPath(mService.path(), mDir.path(), mEvents.Callback())); }
 
-  bool SendEvent(const std::string& text) {
-    return mService.SendTo(SlotPath(mDir.path(), 0) + "-event", text);
-  }
+  bool SendEvent(const std::string& text) { return mService.SendTo(SlotPath(mDir.path(), 0) + "-event", text); }
 
   // Sends `text`, then an event that is always delivered, and waits for that
   // one: whatever `text` caused has happened by then.
   std::vector<IPCEvent> EventsAfter(const std::string& text) {
     EXPECT_TRUE(SendEvent(text));
     EXPECT_TRUE(SendEvent("99\tsentinel"));
-    EXPECT_TRUE(mEvents.WaitFor([](const std::vector<IPCEvent>& events) {
-      return !events.empty() && events.back().id == 99;
-    }));
+    EXPECT_TRUE(
+        mEvents.WaitFor([](const std::vector<IPCEvent>& events) { return !events.empty() && events.back().id == 99; }));
     std::vector<IPCEvent> events = mEvents.Events();
     events.pop_back();
     return events;

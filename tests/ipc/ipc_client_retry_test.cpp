@@ -11,9 +11,9 @@
 namespace zel::test {
 namespace {
 
+using ::testing::ElementsAre;
 using zel::ipc::IPCClient;
 using zel::ipc::IPCResult;
-using ::testing::ElementsAre;
 using Clock = std::chrono::steady_clock;
 using Fields = std::vector<std::string>;
 
@@ -31,8 +31,7 @@ TEST_F(RetryTest, RefusedRegistrationStartsTheRetryThreadWhichTriesAgainAtOnce) 
   // The event server's monitor thread and the retry thread.
   EXPECT_EQ(ThreadCount(), threadsBefore + 2);
   client.reset();
-  EXPECT_THAT(RequestTexts(), ElementsAre("4\t" + EventPath(), "4\t" + EventPath(),
-                                          "5\t" + EventPath()));
+  EXPECT_THAT(RequestTexts(), ElementsAre("4\t" + EventPath(), "4\t" + EventPath(), "5\t" + EventPath()));
 }
 
 TEST_F(RetryTest, DestructionWakesTheRetryPauseAndUnregistersLast) {
@@ -44,8 +43,7 @@ TEST_F(RetryTest, DestructionWakesTheRetryPauseAndUnregistersLast) {
   client.reset();
   // Well within the 5-second pause that the stop cuts short.
   EXPECT_LT(SecondsBetween(start, Clock::now()), 3.0);
-  EXPECT_THAT(RequestTexts(), ElementsAre("4\t" + EventPath(), "4\t" + EventPath(),
-                                          "5\t" + EventPath()));
+  EXPECT_THAT(RequestTexts(), ElementsAre("4\t" + EventPath(), "4\t" + EventPath(), "5\t" + EventPath()));
 }
 
 TEST_F(RetryTest, RequestsFromTheRetryThreadAndTheCallerNeverInterleave) {

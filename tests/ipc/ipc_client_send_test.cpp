@@ -13,10 +13,10 @@
 namespace zel::test {
 namespace {
 
+using ::testing::ElementsAre;
 using zel::ipc::IPCClient;
 using zel::ipc::IPCCommand;
 using zel::ipc::IPCResult;
-using ::testing::ElementsAre;
 using Fields = std::vector<std::string>;
 
 // A client set up without events, so that only the test's own requests reach
@@ -46,8 +46,8 @@ TEST_F(ClientTest, SendBeforeSetUpIsNotConnectedAndSilent) {
 TEST_F(ClientTest, SendFormatStringBeforeSetUpFailsWithError) {
   IPCClient client;
   EXPECT_EQ(client.SendFormatString("1").code, zel::ipc::ResultNotConnected);
-  EXPECT_TRUE(HasRecord(
-      {LOG_ERR, std::string(kSendFormatStringText) + " 101: no client socket, set the local path first\n"}));
+  EXPECT_TRUE(
+      HasRecord({LOG_ERR, std::string(kSendFormatStringText) + " 101: no client socket, set the local path first\n"}));
 }
 
 TEST_F(SendTest, PingIsTheSingleCharacterOne) {
@@ -97,9 +97,7 @@ TEST_F(SendTest, ReplyOneTabPongIsSuccessWithPong) {
   EXPECT_EQ(result.args, Fields{"PONG"});
 }
 
-TEST_F(SendTest, ReplyFieldsArriveAsTheyAre) {
-  EXPECT_EQ(PingWithReply("1\t\tx\n").args, (Fields{"", "x\n"}));
-}
+TEST_F(SendTest, ReplyFieldsArriveAsTheyAre) { EXPECT_EQ(PingWithReply("1\t\tx\n").args, (Fields{"", "x\n"})); }
 
 TEST_F(SendTest, UnknownResultCodePassesUnchanged) { EXPECT_EQ(PingWithReply("3").code, 3); }
 
@@ -114,7 +112,10 @@ TEST_F(SendTest, ReplyEndsAtItsFirstZeroByte) {
 }
 
 TEST_F(SendTest, ReplyStartingWithAZeroByteIsEmptyAndCodeNone) {
-  const IPCResult result = PingWithReply(std::string("\0" "1\tx", 4));
+  const IPCResult result =
+      PingWithReply(std::string("\0"
+                                "1\tx",
+                                4));
   EXPECT_EQ(result.code, zel::ipc::ResultNone);
   EXPECT_TRUE(result.args.empty());
 }
@@ -136,8 +137,7 @@ TEST_F(SendTest, OversizeReplyFailsWithErrorAndTheClientStaysUsable) {
   const IPCResult result = PingWithReply("1\t" + std::string(9000, 'x'));
   EXPECT_EQ(result.code, zel::ipc::ResultIoFailure);
   EXPECT_TRUE(result.args.empty());
-  EXPECT_TRUE(
-      HasRecord({LOG_ERR, std::string(kSendFormatStringText) + " 116: reply too long [8192]\n"}));
+  EXPECT_TRUE(HasRecord({LOG_ERR, std::string(kSendFormatStringText) + " 116: reply too long [8192]\n"}));
   EXPECT_EQ(PingWithReply("1\tPONG").args, Fields{"PONG"});
 }
 
@@ -150,8 +150,7 @@ TEST_F(SendTest, LogsTheSentAndReceivedTexts) {
   SyslogCapture::Clear();
   mClient.Send(zel::ipc::Ping);
   EXPECT_THAT(RecordsStartingWith("client "),
-              ElementsAre(LogRecord{LOG_DEBUG, "client snd [1]\n"},
-                          LogRecord{LOG_DEBUG, "client rcv [1\tPONG]\n"}));
+              ElementsAre(LogRecord{LOG_DEBUG, "client snd [1]\n"}, LogRecord{LOG_DEBUG, "client rcv [1\tPONG]\n"}));
 }
 
 TEST_F(SendTest, SendToAVanishedServiceIsIoFailure) {
@@ -166,7 +165,9 @@ TEST_F(SendTest, SendToAVanishedServiceIsIoFailure) {
 
 TEST_F(SendTest, SendRequestSendsAnyCommandNumber) {
   mService.Script(9, Answer::Reply("1\tnine"));
-  const IPCResult result = mClient.SendRequest({9, {"a", "b"}});
+  const IPCResult result = mClient.SendRequest({
+      9, {"a", "b"}
+  });
   EXPECT_THAT(RequestTexts(), ElementsAre("9\ta\tb"));
   EXPECT_EQ(result.args, Fields{"nine"});
 }

@@ -13,8 +13,8 @@
 namespace zel::test {
 namespace {
 
-using zel::ipc::IPCClient;
 using ::testing::ElementsAre;
+using zel::ipc::IPCClient;
 
 std::string Pid() { return std::to_string(getpid()); }
 
@@ -30,8 +30,7 @@ class SetLocalPathTest : public ClientTest {
 
 TEST(IPCClientTest, ConstructorLogsItsFunctionAndLine) {
   IPCClient client;
-  EXPECT_THAT(SyslogCapture::Records(),
-              ElementsAre(LogRecord{LOG_INFO, "zel::ipc::IPCClient::IPCClient() 21: \n"}));
+  EXPECT_THAT(SyslogCapture::Records(), ElementsAre(LogRecord{LOG_INFO, "zel::ipc::IPCClient::IPCClient() 21: \n"}));
 }
 
 TEST_F(SetLocalPathTest, DestroyingAClientNeverSetUpSendsNothing) {
@@ -44,8 +43,8 @@ TEST_F(SetLocalPathTest, MissingServiceSocketFailsWithInfo) {
   IPCClient client;
   const std::string missing = mDir.File("nothing");
   EXPECT_FALSE(client.SetLocalPath(missing, mDir.path(), nullptr));
-  EXPECT_TRUE(HasRecord(
-      {LOG_INFO, std::string(kSetLocalPathText) + " 47: no server activated on [" + missing + "]\n"}));
+  EXPECT_TRUE(
+      HasRecord({LOG_INFO, std::string(kSetLocalPathText) + " 47: no server activated on [" + missing + "]\n"}));
   EXPECT_EQ(client.Send(zel::ipc::Ping).code, zel::ipc::ResultNotConnected);
 }
 
@@ -53,9 +52,8 @@ TEST_F(SetLocalPathTest, MissingDirectoryFailsWithError) {
   IPCClient client;
   const std::string missing = mDir.File("nodir");
   EXPECT_FALSE(client.SetLocalPath(mService.path(), missing, nullptr));
-  EXPECT_TRUE(HasRecord({LOG_ERR, std::string(kSetLocalPathText) +
-                                      " 53: no such directory for client socket [" + missing +
-                                      "]\n"}));
+  EXPECT_TRUE(HasRecord(
+      {LOG_ERR, std::string(kSetLocalPathText) + " 53: no such directory for client socket [" + missing + "]\n"}));
   EXPECT_EQ(client.Send(zel::ipc::Ping).code, zel::ipc::ResultNotConnected);
 }
 
@@ -90,9 +88,8 @@ TEST_F(SetLocalPathTest, AllTenSlotsTakenFailsNamingThePrefixAsGiven) {
   IPCClient client;
   const std::string prefix = mDir.path() + "/";
   EXPECT_FALSE(client.SetLocalPath(mService.path(), prefix, nullptr));
-  EXPECT_TRUE(HasRecord({LOG_INFO, std::string(kSetLocalPathText) +
-                                       " 71: Cannot make more socket on pid [" + Pid() + "] at [" +
-                                       prefix + "]\n"}));
+  EXPECT_TRUE(HasRecord({LOG_INFO, std::string(kSetLocalPathText) + " 71: Cannot make more socket on pid [" + Pid() +
+                                       "] at [" + prefix + "]\n"}));
   EXPECT_EQ(client.Send(zel::ipc::Ping).code, zel::ipc::ResultNotConnected);
 }
 
@@ -159,8 +156,7 @@ TEST_F(SetLocalPathTest, DestructionUnregistersAndRemovesTheSocketFiles) {
     IPCClient client;
     ASSERT_TRUE(client.SetLocalPath(mService.path(), mDir.path(), IgnoreEvents()));
   }
-  EXPECT_THAT(RequestTexts(),
-              ElementsAre("4\t" + clientPath + "-event", "5\t" + clientPath + "-event"));
+  EXPECT_THAT(RequestTexts(), ElementsAre("4\t" + clientPath + "-event", "5\t" + clientPath + "-event"));
   EXPECT_FALSE(FileExists(clientPath));
   EXPECT_FALSE(FileExists(clientPath + "-event"));
 }
@@ -170,8 +166,7 @@ TEST_F(SetLocalPathTest, ServicePathTooLongForASocketAddressFails) {
   Touch(longPath);
   IPCClient client;
   EXPECT_FALSE(client.SetLocalPath(longPath, mDir.path(), nullptr));
-  EXPECT_TRUE(HasRecord(
-      {LOG_ERR, std::string(kSetLocalPathText) + " 49: socket path too long [" + longPath + "]\n"}));
+  EXPECT_TRUE(HasRecord({LOG_ERR, std::string(kSetLocalPathText) + " 49: socket path too long [" + longPath + "]\n"}));
   EXPECT_FALSE(FileExists(SlotPath(mDir.path(), 0)));
   EXPECT_EQ(client.Send(zel::ipc::Ping).code, zel::ipc::ResultNotConnected);
 }
@@ -189,8 +184,8 @@ TEST_F(SetLocalPathTest, ClientPathTooLongForASocketAddressFails) {
   const std::string dir = DirForClientPathLength(mDir, 108);
   IPCClient client;
   EXPECT_FALSE(client.SetLocalPath(mService.path(), dir, nullptr));
-  EXPECT_TRUE(HasRecord({LOG_ERR, std::string(kSetLocalPathText) + " 75: socket path too long [" +
-                                      SlotPath(dir, 0) + "]\n"}));
+  EXPECT_TRUE(
+      HasRecord({LOG_ERR, std::string(kSetLocalPathText) + " 75: socket path too long [" + SlotPath(dir, 0) + "]\n"}));
   EXPECT_FALSE(FileExists(SlotPath(dir, 0)));
   EXPECT_EQ(client.Send(zel::ipc::Ping).code, zel::ipc::ResultNotConnected);
 }
@@ -206,8 +201,8 @@ TEST_F(SetLocalPathTest, EventPathTooLongFailsOnlyWithACallback) {
   const std::string dir = DirForClientPathLength(mDir, 105);
   IPCClient withEvents;
   EXPECT_FALSE(withEvents.SetLocalPath(mService.path(), dir, IgnoreEvents()));
-  EXPECT_TRUE(HasRecord({LOG_ERR, std::string(kSetLocalPathText) + " 75: socket path too long [" +
-                                      SlotPath(dir, 0) + "-event]\n"}));
+  EXPECT_TRUE(HasRecord(
+      {LOG_ERR, std::string(kSetLocalPathText) + " 75: socket path too long [" + SlotPath(dir, 0) + "-event]\n"}));
   EXPECT_TRUE(mService.Requests().empty());
 
   IPCClient withoutEvents;

@@ -35,8 +35,8 @@ TEST_F(ClientTest, UnansweredRequestFailsAfterFiveSeconds) {
 }
 
 TEST_F(ClientTest, LateReplyIsReadByTheNextRequest) {
-  mService.Script(zel::ipc::Ping, {Answer::Reply("1\tLATE", milliseconds(5300)),
-                                   Answer::Reply("1\tSECOND"), Answer::Reply("1\tTHIRD")});
+  mService.Script(zel::ipc::Ping, {Answer::Reply("1\tLATE", milliseconds(5300)), Answer::Reply("1\tSECOND"),
+                                   Answer::Reply("1\tTHIRD")});
   IPCClient client;
   ASSERT_TRUE(client.SetLocalPath(mService.path(), mDir.path(), nullptr));
   EXPECT_EQ(client.Send(zel::ipc::Ping).code, zel::ipc::ResultIoFailure);
@@ -47,8 +47,7 @@ TEST_F(ClientTest, LateReplyIsReadByTheNextRequest) {
 }
 
 TEST_F(ClientTest, UnansweredRegistrationCostsFiveSecondsAndIsRetriedAboutEveryTenSeconds) {
-  mService.Script(zel::ipc::RegisterEventPath,
-                  {Answer::Never(), Answer::Never(), Answer::Reply("1")});
+  mService.Script(zel::ipc::RegisterEventPath, {Answer::Never(), Answer::Never(), Answer::Reply("1")});
   IPCClient client;
   const auto start = Clock::now();
   ASSERT_TRUE(client.SetLocalPath(mService.path(), mDir.path(), IgnoreEvents()));
@@ -70,8 +69,7 @@ TEST_F(ClientTest, UnansweredRegistrationCostsFiveSecondsAndIsRetriedAboutEveryT
 }
 
 TEST_F(ClientTest, RefusedRegistrationIsRetriedAfterFiveSecondsUntilAccepted) {
-  mService.Script(zel::ipc::RegisterEventPath,
-                  {Answer::Reply("0"), Answer::Reply("2"), Answer::Reply("1")});
+  mService.Script(zel::ipc::RegisterEventPath, {Answer::Reply("0"), Answer::Reply("2"), Answer::Reply("1")});
   {
     IPCClient client;
     ASSERT_TRUE(client.SetLocalPath(mService.path(), mDir.path(), IgnoreEvents()));
@@ -83,8 +81,8 @@ TEST_F(ClientTest, RefusedRegistrationIsRetriedAfterFiveSecondsUntilAccepted) {
   }
   // Accepted at the third attempt: no fourth, then the unregistration.
   const std::string eventPath = SlotPath(mDir.path(), 0) + "-event";
-  EXPECT_THAT(RequestTexts(), ::testing::ElementsAre("4\t" + eventPath, "4\t" + eventPath,
-                                                     "4\t" + eventPath, "5\t" + eventPath));
+  EXPECT_THAT(RequestTexts(),
+              ::testing::ElementsAre("4\t" + eventPath, "4\t" + eventPath, "4\t" + eventPath, "5\t" + eventPath));
 }
 
 }  // namespace

@@ -59,9 +59,7 @@ TEST(ParseReplyTest, OneAndATabHasNoArguments) {
   EXPECT_EQ(result.args, Fields{});
 }
 
-TEST(ParseReplyTest, TwoTabsGiveAnEmptyArgumentFirst) {
-  EXPECT_EQ(ParseReply("1\t\tx").args, (Fields{"", "x"}));
-}
+TEST(ParseReplyTest, TwoTabsGiveAnEmptyArgumentFirst) { EXPECT_EQ(ParseReply("1\t\tx").args, (Fields{"", "x"})); }
 
 TEST(ParseReplyTest, EmptyReplyIsCodeNoneWithoutArguments) {
   const IPCResult result = ParseReply("");
@@ -88,9 +86,7 @@ TEST(ParseReplyTest, NumbersBeyondThirtyTwoBitsSaturate) {
   EXPECT_EQ(ParseReply("-99999999999").code, -2147483647 - 1);
 }
 
-TEST(ParseReplyTest, ManyArgumentsKeepTheirOrder) {
-  EXPECT_EQ(ParseReply("1\ta\tb\tc").args, (Fields{"a", "b", "c"}));
-}
+TEST(ParseReplyTest, ManyArgumentsKeepTheirOrder) { EXPECT_EQ(ParseReply("1\ta\tb\tc").args, (Fields{"a", "b", "c"})); }
 
 TEST(ParseEventTest, NumberGoesToIdAndTheRestToArgs) {
   const IPCEvent event = ParseEvent("7\tup\twlan0");
@@ -112,13 +108,14 @@ TEST(ParseEventTest, EmptyTextIsZero) {
   EXPECT_EQ(event.args, Fields{});
 }
 
-TEST(FormatRequestTest, CommandWithoutArgumentsIsJustTheNumber) {
-  EXPECT_EQ(FormatRequest({Ping, {}}), "1");
-}
+TEST(FormatRequestTest, CommandWithoutArgumentsIsJustTheNumber) { EXPECT_EQ(FormatRequest({Ping, {}}), "1"); }
 
 TEST(FormatRequestTest, ArgumentsFollowAfterTabs) {
   EXPECT_EQ(FormatRequest({RegisterEventPath, {"/tmp/x-event"}}), "4\t/tmp/x-event");
-  EXPECT_EQ(FormatRequest({9, {"a", "", "b"}}), "9\ta\t\tb");
+  EXPECT_EQ(FormatRequest({
+                9, {"a", "", "b"}
+  }),
+            "9\ta\t\tb");
 }
 
 TEST(FormatRequestTest, NumberIsUnsignedDecimal) {

@@ -54,8 +54,7 @@ FakeService::FakeService(std::string path) : mPath(std::move(path)) {
   mFd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (mFd < 0) throw std::runtime_error("fake service socket failed");
   ::unlink(mPath.c_str());
-  if (::bind(mFd, reinterpret_cast<const sockaddr*>(&address), length) != 0 ||
-      ::pipe2(mWakePipe, O_CLOEXEC) != 0) {
+  if (::bind(mFd, reinterpret_cast<const sockaddr*>(&address), length) != 0 || ::pipe2(mWakePipe, O_CLOEXEC) != 0) {
     ::close(mFd);
     throw std::runtime_error("fake service bind failed");
   }
@@ -88,8 +87,8 @@ bool FakeService::SendTo(const std::string& path, const std::string& bytes) {
   sockaddr_un address;
   socklen_t length = 0;
   if (!MakeAddress(path, address, length)) return false;
-  const ssize_t sent = ::sendto(mFd, bytes.data(), bytes.size(), 0,
-                                reinterpret_cast<const sockaddr*>(&address), length);
+  const ssize_t sent =
+      ::sendto(mFd, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&address), length);
   return sent >= 0 && static_cast<size_t>(sent) == bytes.size();
 }
 
@@ -128,13 +127,16 @@ bool FakeService::WaitForRepliesSent(size_t count, milliseconds timeout) const {
 }
 
 size_t FakeService::CountFor(uint32_t command) const {
-  return static_cast<size_t>(std::count_if(mRequests.begin(), mRequests.end(),
-                                           [command](const Request& r) { return r.command == command; }));
+  return static_cast<size_t>(
+      std::count_if(mRequests.begin(), mRequests.end(), [command](const Request& r) { return r.command == command; }));
 }
 
 void FakeService::Serve() {
   while (true) {
-    pollfd fds[2] = {{mFd, POLLIN, 0}, {mWakePipe[0], POLLIN, 0}};
+    pollfd fds[2] = {
+        {mFd,          POLLIN, 0},
+        {mWakePipe[0], POLLIN, 0}
+    };
     if (::poll(fds, 2, PollTimeoutMs()) < 0 && errno != EINTR) return;
     if (fds[1].revents != 0) return;
     if (fds[0].revents & POLLIN) ReceiveAll();
@@ -146,14 +148,13 @@ int FakeService::PollTimeoutMs() const {
   std::lock_guard<std::mutex> lock(mMutex);
   if (mPending.empty()) return -1;
   const auto now = Clock::now();
-  const auto next = std::min_element(mPending.begin(), mPending.end(),
-                                     [](const PendingReply& a, const PendingReply& b) {
-                                       return a.due < b.due;
-                                     })->due;
+  const auto next =
+      std::min_element(mPending.begin(), mPending.end(), [](const PendingReply& a, const PendingReply& b) {
+        return a.due < b.due;
+      })->due;
   if (next <= now) return 0;
   // Rounded up, so that the reply is due when poll returns.
-  return static_cast<int>(
-      std::chrono::ceil<milliseconds>(next - now).count());
+  return static_cast<int>(std::chrono::ceil<milliseconds>(next - now).count());
 }
 
 void FakeService::ReceiveAll() {
@@ -162,8 +163,8 @@ void FakeService::ReceiveAll() {
     sockaddr_un sender;
     socklen_t length = sizeof sender;
     std::memset(&sender, 0, sizeof sender);
-    const ssize_t n = ::recvfrom(mFd, buffer.data(), buffer.size(), MSG_DONTWAIT,
-                                 reinterpret_cast<sockaddr*>(&sender), &length);
+    const ssize_t n =
+        ::recvfrom(mFd, buffer.data(), buffer.size(), MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&sender), &length);
     if (n < 0) return;
     Handle(std::string(buffer.data(), static_cast<size_t>(n)), SenderPath(sender, length));
     // Immediate replies leave before the next request is looked at.
@@ -205,8 +206,8 @@ void FakeService::SendDueReplies() {
     // Replies leave in the order they fall due; equal times keep request order.
     std::stable_sort(mPending.begin(), mPending.end(),
                      [](const PendingReply& a, const PendingReply& b) { return a.due < b.due; });
-    auto firstLater = std::find_if(mPending.begin(), mPending.end(),
-                                   [now](const PendingReply& r) { return r.due > now; });
+    auto firstLater =
+        std::find_if(mPending.begin(), mPending.end(), [now](const PendingReply& r) { return r.due > now; });
     due.assign(std::make_move_iterator(mPending.begin()), std::make_move_iterator(firstLater));
     mPending.erase(mPending.begin(), firstLater);
   }

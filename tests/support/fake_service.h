@@ -23,9 +23,9 @@ class FakeService {
 
   // What the service does with one request.
   struct Answer {
-    bool reply = false;         // false: the request goes unanswered
-    std::string text;           // the reply datagram's bytes, sent as they are
-    milliseconds delay{0};      // how long after the request the reply leaves
+    bool reply = false;     // false: the request goes unanswered
+    std::string text;       // the reply datagram's bytes, sent as they are
+    milliseconds delay{0};  // how long after the request the reply leaves
 
     // A reply to the request's sender, at once or after `delay` (a request
     // from an unbound sender cannot be answered). A refusal is simply a reply
@@ -38,9 +38,9 @@ class FakeService {
 
   // One received datagram.
   struct Request {
-    std::string text;        // the bytes as they arrived
-    std::string sender;      // the sender's socket path, empty if it is unbound
-    uint32_t command = 0;    // the leading decimal number of `text`, 0 if none
+    std::string text;      // the bytes as they arrived
+    std::string sender;    // the sender's socket path, empty if it is unbound
+    uint32_t command = 0;  // the leading decimal number of `text`, 0 if none
     Clock::time_point received;
     // Replies to earlier requests that were scheduled but not yet sent when
     // this one arrived; nonzero means the client did not wait for its reply.
@@ -77,8 +77,7 @@ class FakeService {
   // Wait until so many requests (of `command`), or replies, have been seen;
   // false on time-out.
   bool WaitForRequests(size_t count, milliseconds timeout = std::chrono::seconds(10)) const;
-  bool WaitForRequestsFor(uint32_t command, size_t count,
-                          milliseconds timeout = std::chrono::seconds(10)) const;
+  bool WaitForRequestsFor(uint32_t command, size_t count, milliseconds timeout = std::chrono::seconds(10)) const;
   bool WaitForRepliesSent(size_t count, milliseconds timeout = std::chrono::seconds(10)) const;
 
  private:

@@ -58,13 +58,9 @@ TEST(LauncherTest, WordsAreSplitAtBlanksAndTheProgramIsFoundOnPath) {
   EXPECT_EQ(command[2], "NAME");
 }
 
-TEST(LauncherTest, ProgramWithASlashIsKept) {
-  EXPECT_EQ(ResolveProgram("./not-here/tool"), "./not-here/tool");
-}
+TEST(LauncherTest, ProgramWithASlashIsKept) { EXPECT_EQ(ResolveProgram("./not-here/tool"), "./not-here/tool"); }
 
-TEST(LauncherTest, UnknownProgramIsKept) {
-  EXPECT_EQ(ResolveProgram("kdx-no-such-program"), "kdx-no-such-program");
-}
+TEST(LauncherTest, UnknownProgramIsKept) { EXPECT_EQ(ResolveProgram("kdx-no-such-program"), "kdx-no-such-program"); }
 
 }  // namespace
 }  // namespace zel::test

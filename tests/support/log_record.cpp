@@ -4,9 +4,7 @@
 
 namespace zel::test {
 
-bool operator==(const LogRecord& a, const LogRecord& b) {
-  return a.priority == b.priority && a.text == b.text;
-}
+bool operator==(const LogRecord& a, const LogRecord& b) { return a.priority == b.priority && a.text == b.text; }
 
 bool operator!=(const LogRecord& a, const LogRecord& b) { return !(a == b); }
 
@@ -18,11 +16,21 @@ std::string Printable(const std::string& bytes) {
   std::string out;
   for (unsigned char c : bytes) {
     switch (c) {
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      case 27: out += "\\e"; break;
-      case '\\': out += "\\\\"; break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case 27:
+        out += "\\e";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
       default:
         if (c < 32 || c > 126) {
           char hex[8];

@@ -142,13 +142,9 @@ bool PtyProcess::WaitForOutput(const std::string& needle, milliseconds timeout) 
   return mPty.WaitForOutput(needle, timeout);
 }
 
-bool PtyProcess::WaitForOutputSize(size_t size, milliseconds timeout) {
-  return mPty.WaitForOutputSize(size, timeout);
-}
+bool PtyProcess::WaitForOutputSize(size_t size, milliseconds timeout) { return mPty.WaitForOutputSize(size, timeout); }
 
-bool PtyProcess::WaitForQuiet(milliseconds quiet, milliseconds timeout) {
-  return mPty.WaitForQuiet(quiet, timeout);
-}
+bool PtyProcess::WaitForQuiet(milliseconds quiet, milliseconds timeout) { return mPty.WaitForQuiet(quiet, timeout); }
 
 void PtyProcess::Signal(int signo) {
   if (mPid > 0 && !mStatus) ::kill(mPid, signo);
@@ -171,8 +167,6 @@ std::optional<int> PtyProcess::WaitForExit(milliseconds timeout) {
   return mStatus;
 }
 
-int PtyProcess::ExitCode(int waitStatus) {
-  return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1;
-}
+int PtyProcess::ExitCode(int waitStatus) { return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1; }
 
 }  // namespace zel::test

@@ -47,8 +47,7 @@ class PtyProcess {
 
   bool WaitForOutput(const std::string& needle, milliseconds timeout = std::chrono::seconds(10));
   bool WaitForOutputSize(size_t size, milliseconds timeout = std::chrono::seconds(10));
-  bool WaitForQuiet(milliseconds quiet = milliseconds(200),
-                    milliseconds timeout = std::chrono::seconds(10));
+  bool WaitForQuiet(milliseconds quiet = milliseconds(200), milliseconds timeout = std::chrono::seconds(10));
   const std::string& Output() const { return mPty.Output(); }
   std::string TakeOutput() { return mPty.TakeOutput(); }
 

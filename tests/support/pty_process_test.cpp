@@ -1,3 +1,5 @@
+#include "tests/support/pty_process.h"
+
 #include <signal.h>
 #include <sys/wait.h>
 
@@ -6,7 +8,6 @@
 #include <string>
 
 #include "gtest/gtest.h"
-#include "tests/support/pty_process.h"
 #include "tests/support/temp_dir.h"
 
 namespace zel::test {

@@ -1,8 +1,9 @@
+#include "tests/support/pty_stdio.h"
+
 #include <termios.h>
 #include <unistd.h>
 
 #include "gtest/gtest.h"
-#include "tests/support/pty_stdio.h"
 
 namespace zel::test {
 namespace {
@@ -29,7 +30,10 @@ TEST(PtyStdioTest, TypedKeysAreReadFromStandardInput) {
 
 TEST(PtyStdioTest, RestoresStandardDescriptors) {
   const bool wasTerminal = isatty(STDIN_FILENO);
-  { PtyStdio terminal; EXPECT_TRUE(isatty(STDIN_FILENO)); }
+  {
+    PtyStdio terminal;
+    EXPECT_TRUE(isatty(STDIN_FILENO));
+  }
   EXPECT_EQ(isatty(STDIN_FILENO), wasTerminal);
   EXPECT_FALSE(PtyStdio::Active());
 }

@@ -20,13 +20,10 @@ class SyslogCapture {
   static void Clear();
 
   // Waits until the predicate holds for the records so far; false on time-out.
-  static bool WaitFor(const Predicate& predicate,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(10));
-  static bool WaitForCount(size_t count,
-                           std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  static bool WaitFor(const Predicate& predicate, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  static bool WaitForCount(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(10));
   // Waits for a record equal to `record`.
-  static bool WaitForRecord(const LogRecord& record,
-                            std::chrono::milliseconds timeout = std::chrono::seconds(10));
+  static bool WaitForRecord(const LogRecord& record, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
   // Also copies each record to standard error as "syslog[<priority>]: <text>";
   // death tests use it to see the records of the process that dies.

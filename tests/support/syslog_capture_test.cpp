@@ -1,10 +1,11 @@
+#include "tests/support/syslog_capture.h"
+
 #include <syslog.h>
 
 #include <cstdarg>
 #include <thread>
 
 #include "gtest/gtest.h"
-#include "tests/support/syslog_capture.h"
 
 extern "C" void __syslog_chk(int, int, const char*, ...);
 
@@ -20,14 +21,18 @@ void CallVsyslog(int priority, const char* format, ...) {
 
 TEST(SyslogCaptureTest, RecordsPriorityAndFormattedText) {
   syslog(LOG_ERR, "%s %d: fd [%d]\n", "int f()", 12, 5);
-  EXPECT_EQ(SyslogCapture::Records(), (std::vector<LogRecord>{{LOG_ERR, "int f() 12: fd [5]\n"}}));
+  EXPECT_EQ(SyslogCapture::Records(), (std::vector<LogRecord>{
+                                          {LOG_ERR, "int f() 12: fd [5]\n"}
+  }));
 }
 
 TEST(SyslogCaptureTest, CapturesVsyslogAndFortifiedForm) {
   CallVsyslog(LOG_DEBUG, "a [%s]", "x");
   __syslog_chk(LOG_INFO, 1, "b [%zu]", static_cast<size_t>(3));
-  EXPECT_EQ(SyslogCapture::Records(),
-            (std::vector<LogRecord>{{LOG_DEBUG, "a [x]"}, {LOG_INFO, "b [3]"}}));
+  EXPECT_EQ(SyslogCapture::Records(), (std::vector<LogRecord>{
+                                          {LOG_DEBUG, "a [x]"},
+                                          {LOG_INFO,  "b [3]"}
+  }));
 }
 
 TEST(SyslogCaptureTest, StartsEmptyInEachTest) { EXPECT_TRUE(SyslogCapture::Records().empty()); }

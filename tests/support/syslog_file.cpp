@@ -28,8 +28,7 @@ std::vector<LogRecord> ReadSyslogFile(const std::string& path) {
   return records;
 }
 
-bool WaitForSyslogFile(const std::string& path,
-                       const std::function<bool(const std::vector<LogRecord>&)>& predicate,
+bool WaitForSyslogFile(const std::string& path, const std::function<bool(const std::vector<LogRecord>&)>& predicate,
                        std::chrono::milliseconds timeout) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   while (true) {
@@ -39,8 +38,7 @@ bool WaitForSyslogFile(const std::string& path,
   }
 }
 
-bool WaitForSyslogRecord(const std::string& path, const LogRecord& record,
-                         std::chrono::milliseconds timeout) {
+bool WaitForSyslogRecord(const std::string& path, const LogRecord& record, std::chrono::milliseconds timeout) {
   return WaitForSyslogFile(
       path,
       [&record](const std::vector<LogRecord>& records) {

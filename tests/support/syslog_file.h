@@ -15,8 +15,7 @@ namespace zel::test {
 std::vector<LogRecord> ReadSyslogFile(const std::string& path);
 
 // Waits until the predicate holds for the file's records; false on time-out.
-bool WaitForSyslogFile(const std::string& path,
-                       const std::function<bool(const std::vector<LogRecord>&)>& predicate,
+bool WaitForSyslogFile(const std::string& path, const std::function<bool(const std::vector<LogRecord>&)>& predicate,
                        std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 // Waits until a record equal to `record` is in the file.

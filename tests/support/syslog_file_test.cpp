@@ -1,9 +1,10 @@
-#include <syslog.h>
+#include "tests/support/syslog_file.h"
+
 #include <sys/wait.h>
+#include <syslog.h>
 
 #include "gtest/gtest.h"
 #include "tests/support/pty_process.h"
-#include "tests/support/syslog_file.h"
 #include "tests/support/temp_dir.h"
 
 namespace zel::test {
@@ -16,8 +17,10 @@ TEST(SyslogFileTest, PreloadedLibraryWritesEveryRecordOfARealProgram) {
   const auto status = probe.WaitForExit();
   ASSERT_TRUE(status.has_value());
   EXPECT_EQ(PtyProcess::ExitCode(*status), 3);
-  EXPECT_EQ(ReadSyslogFile(logFile), (std::vector<LogRecord>{{LOG_WARNING, "probe text 7\n"},
-                                                              {LOG_ERR, "second without line end"}}));
+  EXPECT_EQ(ReadSyslogFile(logFile), (std::vector<LogRecord>{
+                                         {LOG_WARNING, "probe text 7\n"         },
+                                         {LOG_ERR,     "second without line end"}
+  }));
 }
 
 TEST(SyslogFileTest, PreloadedLibraryLeavesTheTerminalOutputAlone) {

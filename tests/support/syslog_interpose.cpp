@@ -36,8 +36,6 @@ void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
   va_end(args);
 }
 
-void __vsyslog_chk(int priority, int /*flag*/, const char* format, va_list args) {
-  Capture(priority, format, args);
-}
+void __vsyslog_chk(int priority, int /*flag*/, const char* format, va_list args) { Capture(priority, format, args); }
 
 }  // extern "C"

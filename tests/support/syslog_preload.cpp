@@ -56,21 +56,19 @@ __attribute__((visibility("default"))) void syslog(int priority, const char* for
   va_end(args);
 }
 
-__attribute__((visibility("default"))) void vsyslog(int priority, const char* format,
-                                                    va_list args) {
+__attribute__((visibility("default"))) void vsyslog(int priority, const char* format, va_list args) {
   Capture(priority, format, args);
 }
 
-__attribute__((visibility("default"))) void __syslog_chk(int priority, int /*flag*/,
-                                                         const char* format, ...) {
+__attribute__((visibility("default"))) void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
   va_list args;
   va_start(args, format);
   Capture(priority, format, args);
   va_end(args);
 }
 
-__attribute__((visibility("default"))) void __vsyslog_chk(int priority, int /*flag*/,
-                                                          const char* format, va_list args) {
+__attribute__((visibility("default"))) void __vsyslog_chk(int priority, int /*flag*/, const char* format,
+                                                          va_list args) {
   Capture(priority, format, args);
 }
 

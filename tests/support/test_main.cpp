@@ -22,8 +22,7 @@ class TestSupportListener : public testing::EmptyTestEventListener {
   void OnTestPartResult(const testing::TestPartResult& result) override {
     if (!result.failed() || !zel::test::PtyStdio::Active()) return;
     const std::string text = std::string(result.file_name() ? result.file_name() : "?") + ":" +
-                             std::to_string(result.line_number()) + ": Failure\n" +
-                             result.message() + "\n";
+                             std::to_string(result.line_number()) + ": Failure\n" + result.message() + "\n";
     ssize_t ignored = ::write(STDERR_FILENO, text.data(), text.size());
     (void)ignored;
   }
@@ -36,15 +35,9 @@ class TerminalAwarePrinter : public testing::TestEventListener {
   explicit TerminalAwarePrinter(testing::TestEventListener* printer) : mPrinter(printer) {}
 
   void OnTestProgramStart(const testing::UnitTest& u) override { mPrinter->OnTestProgramStart(u); }
-  void OnTestIterationStart(const testing::UnitTest& u, int i) override {
-    mPrinter->OnTestIterationStart(u, i);
-  }
-  void OnEnvironmentsSetUpStart(const testing::UnitTest& u) override {
-    mPrinter->OnEnvironmentsSetUpStart(u);
-  }
-  void OnEnvironmentsSetUpEnd(const testing::UnitTest& u) override {
-    mPrinter->OnEnvironmentsSetUpEnd(u);
-  }
+  void OnTestIterationStart(const testing::UnitTest& u, int i) override { mPrinter->OnTestIterationStart(u, i); }
+  void OnEnvironmentsSetUpStart(const testing::UnitTest& u) override { mPrinter->OnEnvironmentsSetUpStart(u); }
+  void OnEnvironmentsSetUpEnd(const testing::UnitTest& u) override { mPrinter->OnEnvironmentsSetUpEnd(u); }
   void OnTestSuiteStart(const testing::TestSuite& s) override { mPrinter->OnTestSuiteStart(s); }
   void OnTestStart(const testing::TestInfo& t) override { mPrinter->OnTestStart(t); }
   void OnTestDisabled(const testing::TestInfo& t) override { mPrinter->OnTestDisabled(t); }
@@ -53,15 +46,9 @@ class TerminalAwarePrinter : public testing::TestEventListener {
   }
   void OnTestEnd(const testing::TestInfo& t) override { mPrinter->OnTestEnd(t); }
   void OnTestSuiteEnd(const testing::TestSuite& s) override { mPrinter->OnTestSuiteEnd(s); }
-  void OnEnvironmentsTearDownStart(const testing::UnitTest& u) override {
-    mPrinter->OnEnvironmentsTearDownStart(u);
-  }
-  void OnEnvironmentsTearDownEnd(const testing::UnitTest& u) override {
-    mPrinter->OnEnvironmentsTearDownEnd(u);
-  }
-  void OnTestIterationEnd(const testing::UnitTest& u, int i) override {
-    mPrinter->OnTestIterationEnd(u, i);
-  }
+  void OnEnvironmentsTearDownStart(const testing::UnitTest& u) override { mPrinter->OnEnvironmentsTearDownStart(u); }
+  void OnEnvironmentsTearDownEnd(const testing::UnitTest& u) override { mPrinter->OnEnvironmentsTearDownEnd(u); }
+  void OnTestIterationEnd(const testing::UnitTest& u, int i) override { mPrinter->OnTestIterationEnd(u, i); }
   void OnTestProgramEnd(const testing::UnitTest& u) override { mPrinter->OnTestProgramEnd(u); }
 
  private:

@@ -24,9 +24,12 @@ Result Echo(int argc, char** argv) {
 
 Result Colors(CmdLineInterface& cli) {
   const std::pair<Console::Color, const char*> colors[] = {
-      {Console::Color::Red, "red"},         {Console::Color::Green, "green"},
-      {Console::Color::Yellow, "yellow"},   {Console::Color::Blue, "blue"},
-      {Console::Color::Magenta, "magenta"}, {Console::Color::Cyan, "cyan"},
+      {Console::Color::Red,     "red"    },
+      {Console::Color::Green,   "green"  },
+      {Console::Color::Yellow,  "yellow" },
+      {Console::Color::Blue,    "blue"   },
+      {Console::Color::Magenta, "magenta"},
+      {Console::Color::Cyan,    "cyan"   },
   };
   for (const auto& [color, name] : colors) {
     cli.setColor(color);
@@ -50,9 +53,8 @@ int main() {
       " kendrivex cli (demo)\n"
       "*******************************\n");
   cli.registerCommands({
-      {"echo", "print the words that follow", "echo <words>", Echo},
-      {"colors", "show the console colours", "colors",
-       [&cli](int /*argc*/, char** /*argv*/) { return Colors(cli); }},
+      {"echo",                      "print the words that follow", "echo <words>",      Echo                                    },
+      { "colors", "show the console colours",                      "colors", [&cli](int /*argc*/, char** /*argv*/) { return Colors(cli); }},
   });
   cli.run();
   return 0;

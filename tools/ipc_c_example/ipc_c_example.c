@@ -4,9 +4,8 @@
  * Usage: ipc_c_example <server_path> <client_dir>
  * Exit status 0 when the service answered with success, 1 otherwise.
  */
-#include <stdio.h>
-
 #include <kendrivex_ipc.h>
+#include <stdio.h>
 
 int main(int argc, char** argv) {
   kdx_ipc_client* client;

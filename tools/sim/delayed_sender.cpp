@@ -4,7 +4,9 @@
 
 namespace zel::sim {
 
-DelayedSender::DelayedSender() { mThread = std::thread([this] { Loop(); }); }
+DelayedSender::DelayedSender() {
+  mThread = std::thread([this] { Loop(); });
+}
 
 DelayedSender::~DelayedSender() { Stop(); }
 

@@ -54,8 +54,7 @@ int main(int argc, char** argv) {
       std::fputs(zel::sim::SimOptions::Usage(program).c_str(), stdout);
       return 0;
     case zel::sim::SimOptions::Outcome::Error:
-      std::fprintf(stderr, "%s: %s\n%s", program.c_str(), error.c_str(),
-                   zel::sim::SimOptions::Usage(program).c_str());
+      std::fprintf(stderr, "%s: %s\n%s", program.c_str(), error.c_str(), zel::sim::SimOptions::Usage(program).c_str());
       return kStatusUsage;
     case zel::sim::SimOptions::Outcome::Run:
       break;

@@ -33,9 +33,7 @@ RequestHandler::Answer Reply(std::vector<std::string> fields, std::string note =
   return answer;
 }
 
-RequestHandler::Answer Code(int code, std::string note) {
-  return Reply({std::to_string(code)}, std::move(note));
-}
+RequestHandler::Answer Code(int code, std::string note) { return Reply({std::to_string(code)}, std::move(note)); }
 
 // The path argument of a registration or an unregistration: exactly one
 // non-empty field after the command.

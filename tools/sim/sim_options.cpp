@@ -137,8 +137,7 @@ SimOptions::SimOptions()
       eventText(kDefaultEventText),
       faultyCommands{1, 2, 3} {}
 
-SimOptions::Outcome SimOptions::Parse(const std::vector<std::string>& args, SimOptions& options,
-                                      std::string& error) {
+SimOptions::Outcome SimOptions::Parse(const std::vector<std::string>& args, SimOptions& options, std::string& error) {
   ArgumentReader reader(args);
   bool stationsGiven = false;
   while (reader.Next()) {
@@ -168,7 +167,8 @@ SimOptions::Outcome SimOptions::Parse(const std::vector<std::string>& args, SimO
 }
 
 std::string SimOptions::Usage(const std::string& program) {
-  return "usage: " + program + " [options] <service socket path>\n"
+  return "usage: " + program +
+         " [options] <service socket path>\n"
          "\n"
          "Plays the device-control service for kendrivex-cli: binds a Unix datagram\n"
          "socket at the path and answers each request line with one reply line:\n"
@@ -187,7 +187,8 @@ std::string SimOptions::Usage(const std::string& program) {
          "                          first one replaces the built-in list of three)\n"
          "  --no-stations           no station is connected\n"
          "  --mac TEXT              the access point's MAC address (default " +
-         std::string(kDefaultMac) + ")\n"
+         std::string(kDefaultMac) +
+         ")\n"
          "Events:\n"
          "  --event-interval MS     push an event to every registered path every MS\n"
          "                          milliseconds (default 10000; 0: never)\n"

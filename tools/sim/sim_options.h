@@ -13,9 +13,9 @@ namespace zel::sim {
 struct SimOptions {
   // What Parse found on the command line.
   enum class Outcome {
-    Run,   // serve with these options
-    Help,  // print the usage text and stop
-    Error, // print the error and the usage text, and stop with a failure
+    Run,    // serve with these options
+    Help,   // print the usage text and stop
+    Error,  // print the error and the usage text, and stop with a failure
   };
 
   // The service's socket path (the one positional argument).

@@ -15,10 +15,10 @@
 namespace zel::sim {
 namespace {
 
+using std::chrono::milliseconds;
 using ::zel::sim::test::TestPeer;
 using ::zel::test::SimProcess;
 using ::zel::test::TempDir;
-using std::chrono::milliseconds;
 
 class EventPusherTest : public ::testing::Test {
  protected:
@@ -29,7 +29,9 @@ class EventPusherTest : public ::testing::Test {
   EventPaths paths;
 };
 
-TEST(EventPusherLineTest, LineIsTheNumberAndTheText) { EXPECT_EQ(EventPusher::Line(100, "heartbeat"), "100\theartbeat"); }
+TEST(EventPusherLineTest, LineIsTheNumberAndTheText) {
+  EXPECT_EQ(EventPusher::Line(100, "heartbeat"), "100\theartbeat");
+}
 
 TEST(EventPusherLineTest, LineWithoutTextIsTheNumberAlone) { EXPECT_EQ(EventPusher::Line(-3, ""), "-3"); }
 
@@ -52,7 +54,8 @@ TEST_F(EventPusherTest, ClosedReceiverIsReportedAndForgotten) {
   paths.Register(dir.File("a"));
   receiver.reset();
   EventPusher pusher(paths, log, "7", milliseconds(10));
-  EXPECT_TRUE(WaitForLogLine("event [7] to [" + dir.File("a") + "]: not sent, nothing receives there any more; forgotten"));
+  EXPECT_TRUE(
+      WaitForLogLine("event [7] to [" + dir.File("a") + "]: not sent, nothing receives there any more; forgotten"));
   pusher.Stop();
   EXPECT_EQ(paths.Count(), 0u);
 }

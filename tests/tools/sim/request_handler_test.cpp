@@ -62,9 +62,7 @@ TEST_F(RequestHandlerTest, MacIsTheConfiguredAddress) {
   ExpectReply(Handle("3"), "1\t02:00:00:00:00:01");
 }
 
-TEST_F(RequestHandlerTest, ExtraFieldsOfADeviceCommandAreIgnored) {
-  ExpectReply(Handle("1\tmore\tfields"), "1\tPONG");
-}
+TEST_F(RequestHandlerTest, ExtraFieldsOfADeviceCommandAreIgnored) { ExpectReply(Handle("1\tmore\tfields"), "1\tPONG"); }
 
 TEST_F(RequestHandlerTest, RegistrationOfAReceivingPathIsAccepted) {
   const std::string path = Receiver("ev");

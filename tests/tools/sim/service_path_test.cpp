@@ -50,7 +50,9 @@ TEST(ServicePathTest, MissingDirectoryIsRefused) {
             "there is no directory [" + dir.File("no") + "] for the socket path [" + dir.File("no/svc") + "]");
 }
 
-TEST(ServicePathTest, RelativePathUsesTheWorkingDirectory) { EXPECT_EQ(ServicePath::Problem("svc-that-is-not-there"), ""); }
+TEST(ServicePathTest, RelativePathUsesTheWorkingDirectory) {
+  EXPECT_EQ(ServicePath::Problem("svc-that-is-not-there"), "");
+}
 
 TEST(ServicePathTest, ExistingFileThatIsNoSocketIsRefused) {
   TempDir dir;

@@ -26,10 +26,9 @@ TEST_F(SimOptionsTest, DefaultsAnswerThreeStationsAMacAndPushAnEventEveryTenSeco
   ASSERT_EQ(Parse({"/tmp/svc"}), Outcome::Run);
   EXPECT_EQ(options.socketPath, "/tmp/svc");
   EXPECT_EQ(options.logPath, "");
-  EXPECT_EQ(options.stations,
-            (std::vector<std::string>{"f2:3a:9c:51:0e:47 192.168.43.12 pixel-7",
-                                      "3c:22:fb:91:4d:a7 192.168.43.27 maintenance-laptop",
-                                      "b8:27:eb:6f:03:d2 192.168.43.40 sensor-gateway"}));
+  EXPECT_EQ(options.stations, (std::vector<std::string>{"f2:3a:9c:51:0e:47 192.168.43.12 pixel-7",
+                                                        "3c:22:fb:91:4d:a7 192.168.43.27 maintenance-laptop",
+                                                        "b8:27:eb:6f:03:d2 192.168.43.40 sensor-gateway"}));
   EXPECT_EQ(options.mac, "02:1a:7d:4c:88:e1");
   EXPECT_EQ(options.eventIntervalMs, 10000u);
   EXPECT_EQ(options.eventId, 100);
@@ -74,9 +73,7 @@ TEST_F(SimOptionsTest, OptionWithoutItsValueIsAnError) {
   EXPECT_EQ(error, "--mac needs a value");
 }
 
-TEST_F(SimOptionsTest, HelpEndsTheParsing) {
-  EXPECT_EQ(Parse({"/tmp/svc", "--help", "--bogus"}), Outcome::Help);
-}
+TEST_F(SimOptionsTest, HelpEndsTheParsing) { EXPECT_EQ(Parse({"/tmp/svc", "--help", "--bogus"}), Outcome::Help); }
 
 TEST_F(SimOptionsTest, ValueMayFollowAnEqualsSignOrTheNextArgument) {
   ASSERT_EQ(Parse({"--mac=aa:bb:cc:dd:ee:ff", "--event-text", "x=y", "/tmp/svc"}), Outcome::Run);
@@ -154,9 +151,9 @@ TEST_F(SimOptionsTest, LogNeedsAFileName) {
 TEST_F(SimOptionsTest, UsageNamesTheProgramAndEveryOption) {
   const std::string usage = SimOptions::Usage("prog");
   EXPECT_THAT(usage, ::testing::StartsWith("usage: prog [options] <service socket path>\n"));
-  for (const char* option : {"--station", "--no-stations", "--mac", "--event-interval", "--event-id",
-                             "--event-text", "--delay", "--drop", "--garbage", "--oversize", "--faults-on",
-                             "--refuse-register", "--log"}) {
+  for (const char* option :
+       {"--station", "--no-stations", "--mac", "--event-interval", "--event-id", "--event-text", "--delay", "--drop",
+        "--garbage", "--oversize", "--faults-on", "--refuse-register", "--log"}) {
     EXPECT_THAT(usage, HasSubstr(std::string("  ") + option + " ")) << option;
   }
   EXPECT_THAT(usage, HasSubstr("  -h, --help "));

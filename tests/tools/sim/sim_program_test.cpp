@@ -61,7 +61,7 @@ class SimProgramTest : public ::testing::Test {
     EXPECT_EQ(PtyProcess::ExitCode(*status), 0);
     EXPECT_FALSE(Exists(dir.File("svc")));
     EXPECT_EQ(sim.LogLines(), (std::vector<std::string>{"serving on [" + dir.File("svc") + "]",
-                                                          "stopping on signal " + std::to_string(signo)}));
+                                                        "stopping on signal " + std::to_string(signo)}));
     EXPECT_EQ(sim.Process().Output(), "");
   }
 
@@ -136,9 +136,12 @@ TEST_F(SimProgramTest, ItAnswersEveryRequestOfTheClientProtocol) {
   TestPeer events(dir.File("c-event"), "");
   TestPeer client(dir.File("c"), dir.File("svc"));
   const std::vector<std::pair<std::string, std::string>> exchanges = {
-      {"4\t" + dir.File("c-event"), "1"}, {"1", "1\tPONG"},
-      {"2", "1\tonly one"},               {"3", "1\t02:1a:7d:4c:88:e1"},
-      {"9", "2"},                         {"5\t" + dir.File("c-event"), "1"},
+      {"4\t" + dir.File("c-event"), "1"                   },
+      {"1",                         "1\tPONG"             },
+      {"2",                         "1\tonly one"         },
+      {"3",                         "1\t02:1a:7d:4c:88:e1"},
+      {"9",                         "2"                   },
+      {"5\t" + dir.File("c-event"), "1"                   },
   };
   for (const auto& exchange : exchanges) {
     ASSERT_TRUE(client.Send(exchange.first));

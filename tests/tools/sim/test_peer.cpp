@@ -11,9 +11,7 @@ using zel::util::SocketType;
 TestPeer::TestPeer(const std::string& ownPath, const std::string& servicePath)
     : mSocket(std::make_unique<SocketClient>(ownPath, SocketType::Datagram, SocketDomain::Unix, servicePath)) {}
 
-bool TestPeer::Send(const std::string& line) {
-  return mSocket->Send(line) == static_cast<ssize_t>(line.size());
-}
+bool TestPeer::Send(const std::string& line) { return mSocket->Send(line) == static_cast<ssize_t>(line.size()); }
 
 std::optional<std::string> TestPeer::Receive(std::chrono::milliseconds timeout) {
   // Larger than any reply, so that an oversize one arrives whole.
