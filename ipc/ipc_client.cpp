@@ -22,8 +22,9 @@ const char kEventServerCbText[] = "bool zel::ipc::IPCClient::EventServerCb(int, 
 constexpr int kClientSlots = 10;
 // A reply must be shorter than this, so that a zero byte always follows it.
 constexpr size_t kReplyBufferSize = 8192;
-// How long a request waits for its reply, in microseconds.
-constexpr uint64_t kReplyTimeoutUs = 5000000;
+// How long a request waits for its reply unless told otherwise, in
+// microseconds.
+constexpr uint64_t kDefaultReplyTimeoutUs = 5000000;
 // The longest path that a Unix socket address holds with its zero byte.
 constexpr size_t kMaxSocketPathLength = sizeof(sockaddr_un::sun_path) - 1;
 
@@ -77,7 +78,8 @@ bool ChooseClientPath(const std::string& server_path, const std::string& client_
 
 }  // namespace
 
-IPCClient::IPCClient() : mRetryRunning(false), mPathReady(false) {
+IPCClient::IPCClient()
+    : mRetryRunning(false), mPathReady(false), mReplyTimeoutUs(kDefaultReplyTimeoutUs), mUnregisterAtExit(true) {
   pthread_mutex_init(&mRetryMutex, nullptr);
   pthread_mutex_init(&mSendMutex, nullptr);
   pthread_cond_init(&mRetryCond, nullptr);
@@ -88,7 +90,7 @@ IPCClient::~IPCClient() {
   StopRetryThread();
   // Sent whether or not the registration ever succeeded, so that the service
   // stops sending to a socket that is about to disappear.
-  if (!mEventPath.empty()) Send(UnregisterEventPath, mEventPath);
+  if (mUnregisterAtExit && !mEventPath.empty()) Send(UnregisterEventPath, mEventPath);
   pthread_cond_destroy(&mRetryCond);
   pthread_mutex_destroy(&mSendMutex);
   pthread_mutex_destroy(&mRetryMutex);
@@ -142,7 +144,7 @@ IPCResult IPCClient::SendFormatString(std::string line) {
 
   // The reply is not matched to its request: the next datagram is taken.
   std::vector<char> buffer(kReplyBufferSize);
-  const ssize_t received = mClient->RecvTimedWait(buffer.data(), buffer.size(), kReplyTimeoutUs);
+  const ssize_t received = mClient->RecvTimedWait(buffer.data(), buffer.size(), mReplyTimeoutUs);
   if (received <= 0) {
     syslog(LOG_ERR, "%s %d: Recv time out\n", kSendFormatStringText, 112);
     return Failure(ResultIoFailure);
@@ -171,6 +173,8 @@ bool IPCClient::EventServerCb(int sf, int cf, std::string path, void* data, size
   if (event.id != 0 && mEventCb) mEventCb(event);
   return true;
 }
+
+void IPCClient::SetReplyTimeout(uint64_t timeoutUs) { mReplyTimeoutUs = timeoutUs; }
 
 bool IPCClient::StartRetryThread() {
   if (mRetryRunning.exchange(true)) return true;

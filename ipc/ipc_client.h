@@ -62,6 +62,17 @@ class IPCClient {
   bool StopRetryThread();
   void RetryThreadLoop();
 
+  // How long each request waits for its reply, in microseconds (5,000,000
+  // unless set). Takes effect from the next request; any thread.
+  void SetReplyTimeout(uint64_t timeoutUs);
+  uint64_t GetReplyTimeout() const { return mReplyTimeoutUs; }
+
+  // Whether the destructor sends the unregistration of the event path (on
+  // unless switched off; sent even by a client made without an event
+  // callback). A client that never registered an event path can switch it off
+  // and so end without a request that may wait out a reply time-out.
+  void SetUnregisterAtExit(bool on) { mUnregisterAtExit = on; }
+
  private:
   // A result the client sets itself: the code and no arguments.
   static IPCResult Failure(int32_t code);
@@ -86,6 +97,10 @@ class IPCClient {
   std::string mClientPath;
   std::string mServerPath;
   std::string mEventPath;
+  // Read by whichever thread sends, so it is atomic.
+  std::atomic<uint64_t> mReplyTimeoutUs;
+  // Read by the destructor only; set by the owner.
+  bool mUnregisterAtExit;
 };
 
 namespace detail {
