@@ -60,14 +60,22 @@ zel::ipc::IPCClient::EventCb IgnoreEvents() {
   return [](zel::ipc::IPCEvent&) {};
 }
 
-size_t ThreadCount() {
+namespace {
+
+size_t EntryCount(const char* dir) {
   size_t count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
     (void)entry;
     ++count;
   }
   return count;
 }
+
+}  // namespace
+
+size_t ThreadCount() { return EntryCount("/proc/self/task"); }
+
+size_t DescriptorCount() { return EntryCount("/proc/self/fd"); }
 
 bool FileExists(const std::string& path) {
   struct stat info;

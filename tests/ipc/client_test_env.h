@@ -60,6 +60,8 @@ class EventSink {
 zel::ipc::IPCClient::EventCb IgnoreEvents();
 // Threads of this process right now.
 size_t ThreadCount();
+// Open descriptors of this process right now.
+size_t DescriptorCount();
 bool FileExists(const std::string& path);
 // Creates an empty regular file.
 void Touch(const std::string& path);

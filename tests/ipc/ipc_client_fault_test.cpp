@@ -44,9 +44,10 @@ size_t Count(const LogRecord& record) {
 }
 
 LogRecord SendTimeOut(const std::string& servicePath, uint64_t timeoutUs) {
-  return {LOG_ERR,
-          "bool zel::ipc::IPCClient::SendWhenWritable(const std::string&, ssize_t&) 231: Send time out, the service at [" +
-              servicePath + "] takes no datagram within [" + std::to_string(timeoutUs) + "] us\n"};
+  return {
+      LOG_ERR,
+      "bool zel::ipc::IPCClient::SendWhenWritable(const std::string&, ssize_t&) 231: Send time out, the service at [" +
+          servicePath + "] takes no datagram within [" + std::to_string(timeoutUs) + "] us\n"};
 }
 
 // An empty handler installed without SA_RESTART, so that the signal cuts a
