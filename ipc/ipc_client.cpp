@@ -358,15 +358,16 @@ void IPCClient::RetryThreadLoop() {
     return;
   }
   while (true) {
-    // A success ends the thread unless a reconnect on another thread has
-    // lost the registration since; the flag stays set, so the specified
-    // start never runs the retry a second time.
-    if (RegisterFromRetryThread().code == ResultSuccess) {
-      if (LeaveRetryLoopIfRegistered()) return;
-      continue;
-    }
+    const bool accepted = RegisterFromRetryThread().code == ResultSuccess;
+    // Ends once the live service has the event path, whoever registered it:
+    // this loop, or a reconnect on another thread during the pause. An
+    // acceptance that a reconnect has lost since is tried again at once. The
+    // flag stays set, so the specified start never runs the retry again.
+    if (LeaveRetryLoopIfRegistered()) return;
+    if (accepted) continue;
     WaitBeforeRetry();
     if (!RetryShouldGoOn()) break;
+    if (LeaveRetryLoopIfRegistered()) return;
   }
   LeaveRetryLoop();
 }
