@@ -179,7 +179,8 @@ void IPCClient::MakeClientSocket() {
                                                       zel::util::SocketDomain::Unix, mServerPath);
 }
 
-bool IPCClient::DescriptorsFitSelect() const {
+bool IPCClient::DescriptorsFitSelect() {
+  zel::util::MutexGuard guard(mSendMutex);
   if (!mClient || !FitsSelect(mClient->GetFd())) return false;
   return !mEventServer || FitsSelect(mEventServer->GetFd());
 }
@@ -313,7 +314,12 @@ std::string IPCClient::UnregistrationLine() const {
   return JoinFields({FormatCommand(UnregisterEventPath), mEventPath}, kFieldSeparator);
 }
 
-IPCResult IPCClient::SendRequest(const IPCRequest& request) { return SendFormatString(FormatRequest(request)); }
+IPCResult IPCClient::SendRequest(const IPCRequest& request) {
+  // Under the send mutex: the retry thread may make the client socket again
+  // while it registers, and the two must never use it at the same time.
+  zel::util::MutexGuard guard(mSendMutex);
+  return SendFormatString(FormatRequest(request));
+}
 
 bool IPCClient::EventServerCb(int sf, int cf, std::string path, void* data, size_t len) {
   // The text ends at its first zero byte; an event that filled the server's
