@@ -231,7 +231,7 @@ bool IPCClient::SendWhenWritable(const std::string& line, ssize_t& sent) {
 
 bool IPCClient::WaitUntilWritable() {
   const int fd = mClient->GetFd();
-  // A socket that could not be made fails in the send itself, as designed.
+  // A socket that could not be made fails in the send itself.
   if (fd < 0 || !mClient->IsConnected()) return true;
   const WaitDeadline deadline(mReplyTimeoutUs);
   while (true) {
@@ -368,7 +368,7 @@ void IPCClient::RetryThreadLoop() {
     // Ends once the live service has the event path, whoever registered it:
     // this loop, or a reconnect on another thread during the pause. An
     // acceptance that a reconnect has lost since is tried again at once. The
-    // flag stays set, so the specified start never runs the retry again.
+    // flag stays set, so a later StartRetryThread never runs it again.
     if (LeaveRetryLoopIfRegistered()) return;
     if (accepted) continue;
     WaitBeforeRetry();

@@ -113,9 +113,10 @@ TEST_F(ServiceFaultTest, ServiceDeadAtStartIsFoundOnceItServes) {
 TEST_F(ServiceFaultTest, GarbageAndOverlongRepliesPrintTheFailureAndAreLogged) {
   StartFake();
   const std::string longest(8189, 'x');
-  fake->Script(1, {FakeService::Answer::Reply("#!garbage\x01\xff\tnot a reply"), FakeService::Answer::Reply("1\t" + longest),
-                   FakeService::Answer::Reply("1\t" + std::string(8190, 'y')),
-                   FakeService::Answer::Reply("1\t" + std::string(8998, 'z')), FakeService::Answer::Reply("1\tPONG")});
+  fake->Script(
+      1, {FakeService::Answer::Reply("#!garbage\x01\xff\tnot a reply"), FakeService::Answer::Reply("1\t" + longest),
+          FakeService::Answer::Reply("1\t" + std::string(8190, 'y')),
+          FakeService::Answer::Reply("1\t" + std::string(8998, 'z')), FakeService::Answer::Reply("1\tPONG")});
   StartSession();
   // Not a number in the first field: code 0.
   ExpectAtOnce("send_ping", "PING response : FAIL\r\n");

@@ -135,9 +135,9 @@ TEST_F(ServiceFaultTimeoutTest, RegistrationRefusedTwiceIsAcceptedAtTheThirdAtte
   Expect("send_ping\r", "send_ping\r\nPING response : PONG\r\nhi>");
   // Refused at start and at once by the retry thread; accepted after its
   // 5-second pause.
-  EXPECT_TRUE(sim->WaitForLine("request [4\\t" + EventPath() + "] from [" + ClientPath() +
-                                   "]: reply [1] (registered, 1 event path)",
-                               seconds(15)));
+  EXPECT_TRUE(sim->WaitForLine(
+      "request [4\\t" + EventPath() + "] from [" + ClientPath() + "]: reply [1] (registered, 1 event path)",
+      seconds(15)));
   Expect("atcmd_wlanmac\r", "atcmd_wlanmac\r\nWIFI MAC: 02:1a:7d:4c:88:e1\r\nhi>");
   const std::vector<SimProcess::Request> requests = sim->Requests();
   const auto registrations = std::count_if(requests.begin(), requests.end(),
