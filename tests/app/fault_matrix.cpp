@@ -4,6 +4,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -12,6 +13,12 @@ namespace zel::app::test {
 const char kReconnectText[] = "bool zel::ipc::IPCClient::Reconnect(const std::string&, ssize_t)";
 const char kSendWhenWritableText[] = "bool zel::ipc::IPCClient::SendWhenWritable(const std::string&, ssize_t&)";
 const char kSendFormatStringText[] = "zel::ipc::IPCResult zel::ipc::IPCClient::SendFormatString(std::string)";
+
+std::string SanitizerOptionsWith(const char* variable, const std::string& option) {
+  const char* options = std::getenv(variable);
+  const std::string current = options != nullptr ? options : "";
+  return std::string(variable) + "=" + current + (current.empty() ? "" : ":") + option;
+}
 
 std::vector<std::string> FaultMatrixTest::ClientFilesLeft() const {
   std::vector<std::string> left;

@@ -19,6 +19,10 @@ extern const char kReconnectText[];
 extern const char kSendWhenWritableText[];
 extern const char kSendFormatStringText[];
 
+// "NAME=value" for a sanitizer's options variable: what this process has,
+// with `option` added.
+std::string SanitizerOptionsWith(const char* variable, const std::string& option);
+
 class FaultMatrixTest : public AppTest {
  protected:
   // Client socket files ("ipc_client-...") in the test's directory.
