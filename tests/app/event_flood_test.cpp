@@ -86,6 +86,10 @@ TEST_F(EventFloodTest, HundredThousandEventsLeaveEveryCommandPromptAndTheMemoryF
   WaitForFlood();
   RunEachCommand();
   const long after = ClientRssKb();
+  // The figures, for the test report (--gtest_output).
+  RecordProperty("vmrss_before_kb", static_cast<int>(before));
+  RecordProperty("vmrss_after_kb", static_cast<int>(after));
+  RecordProperty("command_rounds", rounds);
   EXPECT_EQ(mSent, kFloodEvents);
   // The commands ran while the events came.
   EXPECT_GT(rounds, 0);
