@@ -57,6 +57,15 @@ class CmdLineInterface {
  private:
   friend class CmdLineInterfaceTestAccess;
 
+  // One editor action for a key type, and whether that key finishes the line.
+  struct KeyBinding {
+    Console::KeyType type;
+    void (*action)(CmdLineInterface& cli, char c);
+    bool finishesLine;
+  };
+  // The editor's keys; every other key type does nothing.
+  static const KeyBinding kKeyBindings[];
+
   // Collects one line into currentLine; returns after Enter.
   void readLine();
   // Reads one key and applies it; true when it finished the line.
@@ -70,6 +79,7 @@ class CmdLineInterface {
   // Line editing: each action updates the screen with one console write.
   bool handleKey(char c, Console::KeyType type);
   bool insertString(std::string& s);
+  bool insertChar(char c);
   bool deleteString(unsigned n);
   bool moveLeft(unsigned n);
   bool moveRight(unsigned n);
@@ -81,6 +91,11 @@ class CmdLineInterface {
   // Replaces currentLine with a history entry.
   void showEntry(std::string entry);
   std::string historyEntry(uint32_t index) const;
+  // The steps of End, Page Up (to the oldest entry) and Page Down (back to
+  // the line being typed).
+  uint32_t charsAfterCursor() const;
+  uint32_t stepsToOldest() const;
+  uint32_t stepsToTypedLine() const;
   // The Tab action: completes the line or opens a candidate screen.
   bool complete();
 

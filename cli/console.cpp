@@ -5,6 +5,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "cli/raw_mode_guard.h"
@@ -13,6 +14,10 @@ namespace zel::cli {
 namespace {
 
 using KeyType = Console::KeyType;
+
+constexpr char kGetKeyInfoFromAsciiText[] =
+    "void zel::cli::Console::GetKeyInfoFromAscii(char, zel::cli::Console::KeyInfo*)";
+constexpr char kGetKeyInfoFromAsciiShortText[] = "GetKeyInfoFromAscii";
 
 constexpr char kEscape = 27;
 constexpr char kReadFailed = static_cast<char>(0xFF);
@@ -45,6 +50,31 @@ constexpr EscapeKey kEscapeKeys[16] = {
 
 // The longest text after "\e[" that can name a key.
 constexpr size_t kMaxEscapeLength = 4;
+
+// The control bytes that name a key. Every other byte that reaches the
+// control decoder is unknown.
+struct ControlKey {
+  unsigned char byte;
+  KeyType type;
+};
+
+constexpr ControlKey kControlKeys[] = {
+    {2,   KeyType::Left     },
+    {6,   KeyType::Right    },
+    {8,   KeyType::Backspace},
+    {9,   KeyType::Tab      },
+    {10,  KeyType::Enter    },
+    {13,  KeyType::Enter    },
+    {14,  KeyType::Down     },
+    {16,  KeyType::Up       },
+    {127, KeyType::Backspace},
+};
+
+KeyType ControlKeyType(unsigned char byte) {
+  const auto* row = std::find_if(std::begin(kControlKeys), std::end(kControlKeys),
+                                 [byte](const ControlKey& key) { return key.byte == byte; });
+  return row != std::end(kControlKeys) ? row->type : KeyType::Unknown;
+}
 
 // The bytes that select a colour; empty for values outside the table.
 std::string ColorSequence(Console::Color color) {
@@ -144,37 +174,10 @@ void Console::GetKeyInfoFromEscape(char c, KeyInfo* info) {
 
 void Console::GetKeyInfoFromAscii(char c, KeyInfo* info) {
   info->key = ByteValue(c);
-  switch (c) {
-    case 2:
-      info->type = KeyType::Left;
-      break;
-    case 6:
-      info->type = KeyType::Right;
-      break;
-    case 8:
-    case 127:
-      info->type = KeyType::Backspace;
-      break;
-    case 9:
-      info->type = KeyType::Tab;
-      break;
-    case 10:
-    case 13:
-      info->type = KeyType::Enter;
-      break;
-    case 14:
-      info->type = KeyType::Down;
-      break;
-    case 16:
-      info->type = KeyType::Up;
-      break;
-    default:
-      info->type = KeyType::Unknown;
-      syslog(LOG_WARNING, "%s %d: %s %d : unknown key [0x%x] found",
-             "void zel::cli::Console::GetKeyInfoFromAscii(char, zel::cli::Console::KeyInfo*)", 160,
-             "GetKeyInfoFromAscii", 160, static_cast<unsigned>(ByteValue(c)));
-      break;
-  }
+  info->type = ControlKeyType(static_cast<unsigned char>(c));
+  if (info->type != KeyType::Unknown) return;
+  syslog(LOG_WARNING, "%s %d: %s %d : unknown key [0x%x] found", kGetKeyInfoFromAsciiText, 160,
+         kGetKeyInfoFromAsciiShortText, 160, static_cast<unsigned>(ByteValue(c)));
 }
 
 bool Console::Write(const std::string& text) {
