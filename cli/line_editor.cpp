@@ -31,7 +31,7 @@ void CmdLineInterface::readLine() {
   cursor = 0;
   currentLine.clear();
   Console::KeyInfo info{0, KeyType::Unknown};
-  while (!readKey(&info)) {
+  while (!readKey(&info) && !sessionEnded()) {
   }
 }
 

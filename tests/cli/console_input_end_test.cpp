@@ -54,7 +54,9 @@ class Fd {
   int mFd;
 };
 
-// Both ends of a pipe; `end` closed at once.
+// One end of a fresh pipe whose other end is closed at once: the reading end
+// of a pipe that has lost its writer, or the writing end of one that has
+// lost its reader.
 std::unique_ptr<Fd> PipeEnd(bool readEnd) {
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC) != 0) return nullptr;
