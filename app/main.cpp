@@ -1,6 +1,6 @@
 // The program's entry: checks the two arguments, sets up the IPC client,
-// installs the signal handler and runs the command line until "exit" or
-// "quit".
+// installs the signal handlers and runs the command line until "exit" or
+// "quit", the end of standard input, or a hang-up.
 #include <pthread.h>
 #include <signal.h>
 #include <termios.h>
@@ -20,6 +20,9 @@ const char kBanner[] =
     "*******************************\n"
     " kendrivex cli\n"
     "*******************************\n";
+// The status of a session ended by a hang-up, as a shell reports a program
+// that SIGHUP ended.
+constexpr int kHungUpStatus = 128 + SIGHUP;
 
 // The terminal settings the program started with. A key read runs with line
 // editing and echo off; when SIGSEGV ends the program from inside one, the
@@ -40,10 +43,22 @@ void onSignal(int signo) {
   }
 }
 
+// Set when the terminal hung up; read by main once the session has ended.
+volatile sig_atomic_t gHungUp = 0;
+
+// A hang-up ends the session as "exit" does, so that the static objects
+// still clean up. The terminal is gone, so nothing is printed; only
+// async-signal-safe work is done here, and the loop ends on its own thread
+// (after the command that is running, if any).
+void onHangUp(int /*signo*/) {
+  gHungUp = 1;
+  gCli.requestStop();
+}
+
 // The service's unsolicited events are of no use to the command line.
 void onIpcEvent(zel::ipc::IPCEvent& /*event*/) {}
 
-// The signals the handler takes. They are kept from the threads that the IPC
+// The signals the handlers take. They are kept from the threads that the IPC
 // client starts (the event socket's monitor, the registration retry), so that
 // only the main thread runs the handler: exit() on the monitor thread would
 // wait for that very thread to end.
@@ -53,17 +68,30 @@ sigset_t HandledSignals() {
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGSEGV);
+  sigaddset(&signals, SIGHUP);
   return signals;
 }
 
+void InstallSignalHandlers() {
+  gHaveStartTerminal = tcgetattr(STDIN_FILENO, &gStartTerminal) == 0;
+  signal(SIGTERM, onSignal);
+  signal(SIGINT, onSignal);
+  signal(SIGSEGV, onSignal);
+  signal(SIGHUP, onHangUp);
+}
+
 // Sets the IPC client up with the handled signals blocked, so that the
-// threads it starts inherit that; the main thread's mask is then as before.
+// threads it starts inherit that. When set-up succeeds the handlers are
+// installed before the main thread's mask is put back, so that a signal that
+// came during set-up (which can wait for the service's answer) reaches a
+// handler rather than ending the program with its socket files left behind.
 bool SetUpIpcClient(const std::string& serverPath, const std::string& clientPathPrefix) {
   zel::ipc::IPCClient::EventCb eventCb = std::bind(onIpcEvent, std::placeholders::_1);
   const sigset_t handled = HandledSignals();
   sigset_t previous;
   pthread_sigmask(SIG_BLOCK, &handled, &previous);
   const bool ready = gIpcClient.SetLocalPath(serverPath, clientPathPrefix, eventCb);
+  if (ready) InstallSignalHandlers();
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   return ready;
 }
@@ -80,16 +108,14 @@ int main(int argc, char** argv) {
     return -1;
   }
 
-  gHaveStartTerminal = tcgetattr(STDIN_FILENO, &gStartTerminal) == 0;
-  signal(SIGTERM, onSignal);
-  signal(SIGINT, onSignal);
-  signal(SIGSEGV, onSignal);
-
   gCli.setPrompt(kPrompt);
   gCli.setBanner(kBanner);
   // The interface takes the table by value: it keeps its own copies.
   gCli.registerCommands(gDeviceCommands);
 
   gCli.run();
-  return 0;
+  // The session is over: a hang-up now changes nothing, and the handler must
+  // not reach the interface while the static objects are destroyed.
+  signal(SIGHUP, SIG_IGN);
+  return gHungUp != 0 ? kHungUpStatus : 0;
 }

@@ -1,14 +1,57 @@
+// Tab completion: the Tab action of the line editor and the candidate screen
+// that it opens when several command names match.
 #include "cli/candidate_screen.h"
 
 #include <syslog.h>
 
+#include <algorithm>
 #include <iterator>
+#include <memory>
 
 #include "cli/consistency_check.h"
 
 namespace zel::cli {
+namespace {
 
 using KeyType = Console::KeyType;
+
+constexpr char kSelectText[] = "bool zel::cli::CmdLineInterface::CandidateScreen::select()";
+// Identifies the assertion that guards the selection; it is not a line number.
+constexpr unsigned kMsgSelectCheck = 699;
+
+// Wipes a candidate list drawn below the input line and prints prompt and
+// line again: up to the input row, one blank row per candidate, up again.
+std::string BuildRestoreText(const std::list<std::string>& candidates, const std::string& prompt,
+                             const std::string& line) {
+  std::string up;
+  for (size_t i = 0; i < candidates.size(); ++i) up += "\x1b[1F";
+  std::string text = up;
+  for (const std::string& candidate : candidates) {
+    text += '\n';
+    text.append(candidate.size(), ' ');
+  }
+  return text + up + prompt + line;
+}
+
+}  // namespace
+
+bool CmdLineInterface::complete() {
+  if (currentLine.empty() || commands.empty()) return true;
+  // The whole line is the prefix, so a line with an argument matches nothing.
+  std::list<std::string> matches;
+  for (const Command& cmd : commands) {
+    if (cmd.name.rfind(currentLine, 0) == 0) matches.push_back(cmd.name);
+  }
+  if (matches.empty()) return true;
+  if (matches.size() == 1) {
+    if (matches.front() == currentLine) return true;
+    clearLine();
+    insertString(matches.front());
+    return true;
+  }
+  candidateScreen = std::make_unique<CandidateScreen>(matches, BuildRestoreText(matches, prompt, currentLine), this);
+  return true;
+}
 
 CmdLineInterface::CandidateScreen::CandidateScreen(const std::list<std::string>& candidates,
                                                    const std::string& restoreText, CmdLineInterface* owner)
@@ -61,9 +104,8 @@ bool CmdLineInterface::CandidateScreen::moveFirst() {
 
 bool CmdLineInterface::CandidateScreen::select() {
   if (candidates.empty() || static_cast<uint32_t>(selected) >= candidates.size()) {
-    syslog(LOG_ERR, "%s %d: don't do this to me :(\n", "bool zel::cli::CmdLineInterface::CandidateScreen::select()",
-           698);
-    FailConsistencyCheck("cmd_line_interface", 699, "bool zel::cli::CmdLineInterface::CandidateScreen::select()");
+    syslog(LOG_ERR, "%s %d: don't do this to me :(\n", kSelectText, 698);
+    FailConsistencyCheck(kCheckFileText, kMsgSelectCheck, kSelectText);
   }
   erase();
   CmdLineInterface* const screenOwner = owner;
@@ -82,32 +124,27 @@ void CmdLineInterface::CandidateScreen::close() {
   screenOwner->candidateScreen.reset();
 }
 
+// Defined in the scope of the class, so the actions reach its operations.
+const CmdLineInterface::CandidateScreen::KeyBinding CmdLineInterface::CandidateScreen::kKeyBindings[] = {
+    {KeyType::Backspace, [](CandidateScreen& screen) { screen.close(); }    },
+    {KeyType::Tab,       [](CandidateScreen& screen) { screen.close(); }    },
+    {KeyType::Enter,     [](CandidateScreen& screen) { screen.select(); }   },
+    {KeyType::Up,        [](CandidateScreen& screen) { screen.moveUp(); }   },
+    {KeyType::Down,      [](CandidateScreen& screen) { screen.moveDown(1); }},
+    {KeyType::PageUp,    [](CandidateScreen& screen) { screen.moveFirst(); }},
+    {KeyType::PageDown,  [](CandidateScreen& screen) { screen.moveLast(); } },
+};
+
+bool CmdLineInterface::CandidateScreen::moveLast() {
+  return moveDown(static_cast<unsigned>(candidates.size()) - 1 - static_cast<unsigned>(selected));
+}
+
 bool CmdLineInterface::CandidateScreen::onKey(Console::KeyInfo* info) {
-  switch (info->type) {
-    case KeyType::Backspace:
-    case KeyType::Tab:
-      close();
-      break;
-    case KeyType::Enter:
-      select();
-      break;
-    case KeyType::Up:
-      moveUp();
-      break;
-    case KeyType::Down:
-      moveDown(1);
-      break;
-    case KeyType::PageUp:
-      moveFirst();
-      break;
-    case KeyType::PageDown:
-      // To the last candidate.
-      moveDown(static_cast<unsigned>(candidates.size()) - 1 - static_cast<unsigned>(selected));
-      break;
-    default:
-      // Typed characters and every other key are ignored while the list is open.
-      break;
-  }
+  const KeyType type = info->type;
+  const auto* binding = std::find_if(std::begin(kKeyBindings), std::end(kKeyBindings),
+                                     [type](const KeyBinding& key) { return key.type == type; });
+  // Typed characters and every other key are ignored while the list is open.
+  if (binding != std::end(kKeyBindings)) binding->action(*this);
   return true;
 }
 

@@ -33,10 +33,20 @@ class CmdLineInterface::CandidateScreen {
  private:
   friend class CmdLineInterfaceTestAccess;
 
+  // What a key does while the screen is open; the action may destroy it.
+  struct KeyBinding {
+    Console::KeyType type;
+    void (*action)(CandidateScreen& screen);
+  };
+  // The keys that act on the screen; every other key is ignored.
+  static const KeyBinding kKeyBindings[];
+
   // Erases the list and destroys this screen; the line stays as it is.
   void close();
   bool moveUp();
   bool moveFirst();
+  // Moves the selection to the last candidate.
+  bool moveLast();
 
   int32_t selected;
   std::list<std::string> candidates;

@@ -86,14 +86,24 @@ bool CmdLineInterface::setColor(Console::Color color) {
 }
 
 void CmdLineInterface::run() {
+  // A session that ended before it began (a hang-up at start) shows nothing.
+  if (sessionEnded()) return;
   console.Write(banner);
   running = true;
   do {
     console.Write(prompt);
     readLine();
-    executeLine();
+    if (!sessionEnded()) executeLine();
+    if (sessionEnded()) running = false;
   } while (running);
 }
+
+void CmdLineInterface::requestStop() {
+  mStopRequested = 1;
+  console.Wakeup();
+}
+
+bool CmdLineInterface::sessionEnded() const { return mStopRequested != 0 || console.InputEnded(); }
 
 bool CmdLineInterface::notifySignal() { return true; }
 

@@ -1,9 +1,11 @@
 // The interactive shell: a registry of named commands, a line editor with
 // history and Tab completion, and the loop that prompts, reads a line and runs
-// its command. Single-threaded: everything runs on the thread that calls run().
-// Owns its console, its copies of the commands and the open candidate screen.
+// its command. Single-threaded: everything runs on the thread that calls run(),
+// where a signal handler may also call requestStop(). Owns its console, its
+// copies of the commands and the open candidate screen.
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -44,8 +46,15 @@ class CmdLineInterface {
   bool setColor(Console::Color color);
 
   // Prints the banner, then prompts, reads and runs lines until "exit" or
-  // "quit" has run.
+  // "quit" has run, standard input has ended, or a stop was requested. A line
+  // that the end of input or a stop leaves unfinished is not run.
   void run();
+
+  // Ends the session as "exit" does, for a signal handler on the loop's
+  // thread (a hang-up): a command that is running finishes, and nothing more
+  // is printed, read or run. Only sets a flag and wakes the console, so it is
+  // async-signal-safe.
+  void requestStop();
 
   // Hook for the process's signal handler; leaves the loop running.
   bool notifySignal();
@@ -57,7 +66,17 @@ class CmdLineInterface {
  private:
   friend class CmdLineInterfaceTestAccess;
 
-  // Collects one line into currentLine; returns after Enter.
+  // One editor action for a key type, and whether that key finishes the line.
+  struct KeyBinding {
+    Console::KeyType type;
+    void (*action)(CmdLineInterface& cli, char c);
+    bool finishesLine;
+  };
+  // The editor's keys; every other key type does nothing.
+  static const KeyBinding kKeyBindings[];
+
+  // Collects one line into currentLine; returns after Enter, or with the line
+  // unfinished when the session has ended.
   void readLine();
   // Reads one key and applies it; true when it finished the line.
   bool readKey(Console::KeyInfo* info);
@@ -66,10 +85,13 @@ class CmdLineInterface {
   Result dispatch(int argc, char** argv);
   bool addHistory();
   void addCommand(const Command& cmd);
+  // True once standard input has ended or a stop was requested.
+  bool sessionEnded() const;
 
   // Line editing: each action updates the screen with one console write.
   bool handleKey(char c, Console::KeyType type);
   bool insertString(std::string& s);
+  bool insertChar(char c);
   bool deleteString(unsigned n);
   bool moveLeft(unsigned n);
   bool moveRight(unsigned n);
@@ -81,6 +103,11 @@ class CmdLineInterface {
   // Replaces currentLine with a history entry.
   void showEntry(std::string entry);
   std::string historyEntry(uint32_t index) const;
+  // The steps of End, Page Up (to the oldest entry) and Page Down (back to
+  // the line being typed).
+  uint32_t charsAfterCursor() const;
+  uint32_t stepsToOldest() const;
+  uint32_t stepsToTypedLine() const;
   // The Tab action: completes the line or opens a candidate screen.
   bool complete();
 
@@ -101,6 +128,8 @@ class CmdLineInterface {
   std::vector<Command> commands;   // in registration order
   // While set, keys go to the screen instead of the editor.
   std::unique_ptr<CandidateScreen> candidateScreen;
+  // Set by requestStop(), possibly from a signal handler.
+  volatile std::sig_atomic_t mStopRequested = 0;
 };
 
 }  // namespace zel::cli

@@ -5,6 +5,9 @@
 
 namespace zel::cli {
 
+// The source name that the interface's consistency checks report.
+inline constexpr char kCheckFileText[] = "cmd_line_interface";
+
 [[noreturn]] void FailConsistencyCheck(const char* file, unsigned line, const char* function);
 
 }  // namespace zel::cli

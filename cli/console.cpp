@@ -1,10 +1,13 @@
 #include "cli/console.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "cli/raw_mode_guard.h"
@@ -13,6 +16,11 @@ namespace zel::cli {
 namespace {
 
 using KeyType = Console::KeyType;
+
+constexpr char kConsoleText[] = "zel::cli::Console::Console()";
+constexpr char kGetKeyInfoFromAsciiText[] =
+    "void zel::cli::Console::GetKeyInfoFromAscii(char, zel::cli::Console::KeyInfo*)";
+constexpr char kGetKeyInfoFromAsciiShortText[] = "GetKeyInfoFromAscii";
 
 constexpr char kEscape = 27;
 constexpr char kReadFailed = static_cast<char>(0xFF);
@@ -46,6 +54,44 @@ constexpr EscapeKey kEscapeKeys[16] = {
 // The longest text after "\e[" that can name a key.
 constexpr size_t kMaxEscapeLength = 4;
 
+// The control bytes that name a key. Every other byte that reaches the
+// control decoder is unknown.
+struct ControlKey {
+  unsigned char byte;
+  KeyType type;
+};
+
+constexpr ControlKey kControlKeys[] = {
+    {2,   KeyType::Left     },
+    {6,   KeyType::Right    },
+    {8,   KeyType::Backspace},
+    {9,   KeyType::Tab      },
+    {10,  KeyType::Enter    },
+    {13,  KeyType::Enter    },
+    {14,  KeyType::Down     },
+    {16,  KeyType::Up       },
+    {127, KeyType::Backspace},
+};
+
+KeyType ControlKeyType(unsigned char byte) {
+  const auto* row = std::find_if(std::begin(kControlKeys), std::end(kControlKeys),
+                                 [byte](const ControlKey& key) { return key.byte == byte; });
+  return row != std::end(kControlKeys) ? row->type : KeyType::Unknown;
+}
+
+// A program started with standard input closed would hand descriptor 0 to the
+// next descriptor it makes (the wake-up eventfd, a socket), which the console
+// would then wait on as the keyboard. The null device there reads as the end
+// of input instead. It stays open for the life of the process, as standard
+// input does.
+void HoldStandardInput() {
+  if (::fcntl(STDIN_FILENO, F_GETFD) >= 0 || errno != EBADF) return;
+  // Descriptor 0 is the lowest free one, so the null device lands there.
+  if (::open("/dev/null", O_RDONLY) < 0) {
+    syslog(LOG_ERR, "%s %d: cannot hold standard input on /dev/null, errno [%d]\n", kConsoleText, 30, errno);
+  }
+}
+
 // The bytes that select a colour; empty for values outside the table.
 std::string ColorSequence(Console::Color color) {
   switch (color) {
@@ -77,7 +123,13 @@ uint16_t ByteValue(char c) { return static_cast<unsigned char>(c); }
 
 }  // namespace
 
-Console::Console() : mEventFd(::eventfd(0, 0)) {}
+Console::Console() : mEventFd(-1) {
+  HoldStandardInput();
+  // Non-blocking, so that a wake-up that would overflow the counter fails at
+  // once instead of waiting for a reader that never comes; the counter is
+  // then non-zero already, which is all a wake-up needs.
+  mEventFd = ::eventfd(0, EFD_NONBLOCK);
+}
 
 Console::~Console() {
   if (mEventFd >= 0) ::close(mEventFd);
@@ -93,10 +145,26 @@ char Console::GetChar() {
   // Anything but plain readable input (a wake-up, a hang-up, an interrupted
   // poll) yields 0. The wake-up event is never consumed, so once woken every
   // later call returns at once.
-  if (::poll(fds, 2, -1) > 0 && fds[0].revents == POLLIN) {
-    if (::read(STDIN_FILENO, &c, 1) != 1) return kReadFailed;
+  if (::poll(fds, 2, -1) > 0) {
+    NoteInputEvents(fds[0].revents);
+    if (fds[0].revents == POLLIN) {
+      const ssize_t result = ::read(STDIN_FILENO, &c, 1);
+      if (result != 1) {
+        NoteReadResult(result, errno);
+        return kReadFailed;
+      }
+    }
   }
   return c;
+}
+
+void Console::NoteInputEvents(short revents) {
+  if ((revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) mInputEnded = true;
+}
+
+void Console::NoteReadResult(ssize_t result, int error) {
+  // A signal only interrupts the read; the input is still there.
+  if (result == 0 || (result < 0 && error != EINTR)) mInputEnded = true;
 }
 
 void Console::GetKeyInfo(KeyInfo* info) { GetKeyInfoFromChar(GetChar(), info); }
@@ -144,37 +212,10 @@ void Console::GetKeyInfoFromEscape(char c, KeyInfo* info) {
 
 void Console::GetKeyInfoFromAscii(char c, KeyInfo* info) {
   info->key = ByteValue(c);
-  switch (c) {
-    case 2:
-      info->type = KeyType::Left;
-      break;
-    case 6:
-      info->type = KeyType::Right;
-      break;
-    case 8:
-    case 127:
-      info->type = KeyType::Backspace;
-      break;
-    case 9:
-      info->type = KeyType::Tab;
-      break;
-    case 10:
-    case 13:
-      info->type = KeyType::Enter;
-      break;
-    case 14:
-      info->type = KeyType::Down;
-      break;
-    case 16:
-      info->type = KeyType::Up;
-      break;
-    default:
-      info->type = KeyType::Unknown;
-      syslog(LOG_WARNING, "%s %d: %s %d : unknown key [0x%x] found",
-             "void zel::cli::Console::GetKeyInfoFromAscii(char, zel::cli::Console::KeyInfo*)", 160,
-             "GetKeyInfoFromAscii", 160, static_cast<unsigned>(ByteValue(c)));
-      break;
-  }
+  info->type = ControlKeyType(static_cast<unsigned char>(c));
+  if (info->type != KeyType::Unknown) return;
+  syslog(LOG_WARNING, "%s %d: %s %d : unknown key [0x%x] found", kGetKeyInfoFromAsciiText, 160,
+         kGetKeyInfoFromAsciiShortText, 160, static_cast<unsigned>(ByteValue(c)));
 }
 
 bool Console::Write(const std::string& text) {
@@ -187,7 +228,8 @@ bool Console::Write(const std::string& text) {
 void Console::Wakeup() {
   if (mEventFd < 0) return;
   // The eventfd adds these eight bytes, read as one 64-bit number, to its
-  // counter; any non-zero value makes it readable.
+  // counter; any non-zero value makes it readable. The third such write
+  // would overflow the counter and fails: it is not needed.
   const ssize_t ignored = ::write(mEventFd, "evt_exit", 8);
   (void)ignored;
 }

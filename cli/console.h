@@ -1,9 +1,11 @@
 // The terminal layer of the command-line interface: reads one key at a time
 // from standard input (raw mode only while a key is awaited), decodes escape
-// sequences, and writes text and colours to standard output. Used from the
-// interface's loop thread only, except Wakeup, which any thread may call.
-// Owns its wake-up eventfd.
+// sequences, writes text and colours to standard output, and notes when its
+// input has ended. Used from the interface's loop thread only, except Wakeup,
+// which any thread and a signal handler may call. Owns its wake-up eventfd.
 #pragma once
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <string>
@@ -50,6 +52,9 @@ class Console {
     Reset = 7,
   };
 
+  // Also holds descriptor 0 open on the null device when the program was
+  // started without standard input, so that neither the wake-up descriptor
+  // nor a socket made later can take it; reading it then ends the input.
   Console();
   ~Console();
   Console(const Console&) = delete;
@@ -57,6 +62,11 @@ class Console {
 
   // One byte from standard input; 0 once woken, 0xFF when the read fails.
   char GetChar();
+  // True once a key read found standard input at its end or hung up: a read
+  // returned 0 or failed (other than by a signal), or poll reported a
+  // hang-up, an error or an invalid descriptor. It stays true; every later
+  // read returns at once, so a loop that reads keys must end on it.
+  bool InputEnded() const { return mInputEnded; }
   // Reads one key and decodes it.
   void GetKeyInfo(KeyInfo* info);
   // Decodes a key whose first byte is already known.
@@ -68,12 +78,19 @@ class Console {
 
   // Writes the whole string with one write to standard output.
   bool Write(const std::string& text);
-  // Makes every pending and later key wait return at once.
+  // Makes every pending and later key wait return at once. Never blocks,
+  // however often it is called; async-signal-safe.
   void Wakeup();
   void SetColor(Color color);
 
  private:
+  // Notes the end of input when poll's report on standard input shows it.
+  void NoteInputEvents(short revents);
+  // Notes the end of input when a read of standard input shows it.
+  void NoteReadResult(ssize_t result, int error);
+
   int32_t mEventFd;
+  bool mInputEnded = false;
 };
 
 }  // namespace zel::cli

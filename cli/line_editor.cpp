@@ -1,8 +1,9 @@
-// The line editor of CmdLineInterface: keys to edits, history recall and the
-// Tab action. The terminal cursor is moved only with backspaces and by
-// printing text again, never with cursor-addressing sequences.
+// The line editor of CmdLineInterface: keys to edits and history recall.
+// The terminal cursor is moved only with backspaces and by printing text
+// again, never with cursor-addressing sequences.
 #include <syslog.h>
 
+#include <algorithm>
 #include <iterator>
 
 #include "cli/candidate_screen.h"
@@ -14,24 +15,15 @@ namespace {
 
 using KeyType = Console::KeyType;
 
+constexpr char kInsertStringText[] = "bool zel::cli::CmdLineInterface::insertString(std::string&)";
+constexpr char kInsertStringShortText[] = "insertString";
+// Identifies the assertion that guards the cursor; it is not a line number.
+constexpr unsigned kMsgInsertCursorCheck = 467;
+
 std::string Backspaces(size_t count) { return std::string(count, '\b'); }
 
 // The editor's bounds checks compare 32-bit differences as signed numbers.
 bool IsNegative(uint32_t difference) { return static_cast<int32_t>(difference) < 0; }
-
-// Wipes a candidate list drawn below the input line and prints prompt and
-// line again: up to the input row, one blank row per candidate, up again.
-std::string BuildRestoreText(const std::list<std::string>& candidates, const std::string& prompt,
-                             const std::string& line) {
-  std::string up;
-  for (size_t i = 0; i < candidates.size(); ++i) up += "\x1b[1F";
-  std::string text = up;
-  for (const std::string& candidate : candidates) {
-    text += '\n';
-    text.append(candidate.size(), ' ');
-  }
-  return text + up + prompt + line;
-}
 
 }  // namespace
 
@@ -39,7 +31,7 @@ void CmdLineInterface::readLine() {
   cursor = 0;
   currentLine.clear();
   Console::KeyInfo info{0, KeyType::Unknown};
-  while (!readKey(&info)) {
+  while (!readKey(&info) && !sessionEnded()) {
   }
 }
 
@@ -52,58 +44,44 @@ bool CmdLineInterface::readKey(Console::KeyInfo* info) {
   return handleKey(static_cast<char>(info->key & 0xFF), info->type);
 }
 
+// Each action is one editor operation; their results do not matter here.
+// Defined in the scope of the class, so the actions reach its operations.
+const CmdLineInterface::KeyBinding CmdLineInterface::kKeyBindings[] = {
+    {KeyType::Char,      [](CmdLineInterface& cli, char c) { cli.insertChar(c); },                     false},
+    {KeyType::Backspace, [](CmdLineInterface& cli, char) { cli.deleteString(1); },                     false},
+    {KeyType::Enter,     [](CmdLineInterface& cli, char) { cli.finishLine(); },                        true },
+    {KeyType::Left,      [](CmdLineInterface& cli, char) { cli.moveLeft(1); },                         false},
+    {KeyType::Right,     [](CmdLineInterface& cli, char) { cli.moveRight(1); },                        false},
+    {KeyType::Up,        [](CmdLineInterface& cli, char) { cli.historyPrev(1); },                      false},
+    {KeyType::Down,      [](CmdLineInterface& cli, char) { cli.historyNext(1); },                      false},
+    {KeyType::Home,      [](CmdLineInterface& cli, char) { cli.moveLeft(cli.cursor); },                false},
+    {KeyType::End,       [](CmdLineInterface& cli, char) { cli.moveRight(cli.charsAfterCursor()); },   false},
+    {KeyType::Tab,       [](CmdLineInterface& cli, char) { cli.complete(); },                          false},
+    {KeyType::PageUp,    [](CmdLineInterface& cli, char) { cli.historyPrev(cli.stepsToOldest()); },    false},
+    {KeyType::PageDown,  [](CmdLineInterface& cli, char) { cli.historyNext(cli.stepsToTypedLine()); }, false},
+};
+
 bool CmdLineInterface::handleKey(char c, Console::KeyType type) {
-  switch (type) {
-    case KeyType::Char: {
-      std::string text(1, c);
-      insertString(text);
-      return false;
-    }
-    case KeyType::Backspace:
-      deleteString(1);
-      return false;
-    case KeyType::Enter:
-      finishLine();
-      return true;
-    case KeyType::Left:
-      moveLeft(1);
-      return false;
-    case KeyType::Right:
-      moveRight(1);
-      return false;
-    case KeyType::Up:
-      historyPrev(1);
-      return false;
-    case KeyType::Down:
-      historyNext(1);
-      return false;
-    case KeyType::Home:
-      moveLeft(cursor);
-      return false;
-    case KeyType::End:
-      moveRight(static_cast<uint32_t>(currentLine.size()) - cursor);
-      return false;
-    case KeyType::Tab:
-      complete();
-      return false;
-    case KeyType::PageUp:
-      // Jumps to the oldest entry.
-      historyPrev(static_cast<uint32_t>(history.size()) - historyOffset - browsingHistory);
-      return false;
-    case KeyType::PageDown:
-      // Jumps back to the line being typed.
-      historyNext(browsingHistory + historyOffset);
-      return false;
-    default:
-      // Insert, Delete and word moves are decoded but deliberately unused.
-      return false;
-  }
+  const auto* binding = std::find_if(std::begin(kKeyBindings), std::end(kKeyBindings),
+                                     [type](const KeyBinding& key) { return key.type == type; });
+  // Insert, Delete and the word moves are decoded but deliberately unused.
+  if (binding == std::end(kKeyBindings)) return false;
+  binding->action(*this, c);
+  return binding->finishesLine;
 }
+
+uint32_t CmdLineInterface::charsAfterCursor() const { return static_cast<uint32_t>(currentLine.size()) - cursor; }
+
+uint32_t CmdLineInterface::stepsToOldest() const {
+  return static_cast<uint32_t>(history.size()) - historyOffset - browsingHistory;
+}
+
+uint32_t CmdLineInterface::stepsToTypedLine() const { return browsingHistory + historyOffset; }
 
 bool CmdLineInterface::insertString(std::string& s) {
   if (cursor > currentLine.size()) {
-    syslog(LOG_ERR, "%s %d : this should not happend\n", "insertString", 466);
-    FailConsistencyCheck("cmd_line_interface", 467, "bool zel::cli::CmdLineInterface::insertString(std::string&)");
+    syslog(LOG_ERR, "%s %d : this should not happend\n", kInsertStringShortText, 466);
+    FailConsistencyCheck(kCheckFileText, kMsgInsertCursorCheck, kInsertStringText);
   }
   const std::string tail = currentLine.substr(cursor);
   // The new text and the old tail, then back to just after the new text.
@@ -111,6 +89,11 @@ bool CmdLineInterface::insertString(std::string& s) {
   currentLine.insert(cursor, s);
   cursor += static_cast<uint32_t>(s.size());
   return true;
+}
+
+bool CmdLineInterface::insertChar(char c) {
+  std::string text(1, c);
+  return insertString(text);
 }
 
 bool CmdLineInterface::deleteString(unsigned n) {
@@ -206,23 +189,5 @@ bool CmdLineInterface::finishLine() {
 }
 
 bool CmdLineInterface::putChar(char c) { return console.Write(std::string(1, c)); }
-
-bool CmdLineInterface::complete() {
-  if (currentLine.empty() || commands.empty()) return true;
-  // The whole line is the prefix, so a line with an argument matches nothing.
-  std::list<std::string> matches;
-  for (const Command& cmd : commands) {
-    if (cmd.name.rfind(currentLine, 0) == 0) matches.push_back(cmd.name);
-  }
-  if (matches.empty()) return true;
-  if (matches.size() == 1) {
-    if (matches.front() == currentLine) return true;
-    clearLine();
-    insertString(matches.front());
-    return true;
-  }
-  candidateScreen = std::make_unique<CandidateScreen>(matches, BuildRestoreText(matches, prompt, currentLine), this);
-  return true;
-}
 
 }  // namespace zel::cli

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <fstream>
 #include <thread>
 
@@ -109,6 +110,34 @@ int AppTest::RunToEnd(const std::vector<std::string>& args, std::string& output)
 
 std::string AppTest::ClientPath(int slot) const {
   return dir.path() + "/ipc_client-" + std::to_string(client ? client->Pid() : 0) + "-" + std::to_string(slot);
+}
+
+void AppTest::ExpectOnlyRegistrationAndUnregistration() {
+  ASSERT_TRUE(sim->WaitForRequests(2));
+  std::vector<std::string> texts;
+  for (const SimProcess::Request& request : sim->Requests()) texts.push_back(request.text);
+  EXPECT_EQ(texts, (std::vector<std::string>{Registration(), Unregistration()}));
+}
+
+std::vector<LogRecord> AppTest::UnknownKeyRecords() const {
+  const std::string marker = "GetKeyInfoFromAscii 160 : unknown key [";
+  std::vector<LogRecord> found;
+  for (const LogRecord& record : Records()) {
+    if (record.text.find(marker) != std::string::npos) found.push_back(record);
+  }
+  return found;
+}
+
+void AppTest::SignalAtThePrompt(int signo) {
+  ASSERT_TRUE(client->WaitForKeyRead());
+  ASSERT_TRUE(WaitUntilBlockedInPoll());
+  client->Signal(signo);
+}
+
+void AppTest::AllowPrintingSignalHandler() {
+  const char* tsan = std::getenv("TSAN_OPTIONS");
+  clientEnv.push_back("TSAN_OPTIONS=" + std::string(tsan != nullptr ? tsan : "") +
+                      (tsan != nullptr && *tsan != '\0' ? ":" : "") + "report_signal_unsafe=0");
 }
 
 std::vector<LogRecord> AppTest::Records() const { return ::zel::test::ReadSyslogFile(SyslogFile()); }

@@ -86,11 +86,23 @@ class AppTest : public ::testing::Test {
   std::string Registration(int slot = 0) const { return "4\t" + EventPath(slot); }
   std::string Unregistration(int slot = 0) const { return "5\t" + EventPath(slot); }
 
+  // Expects that the simulator saw the registration, then the
+  // unregistration, and no other request.
+  void ExpectOnlyRegistrationAndUnregistration();
+  // The unknown-key warnings that the program logged.
+  std::vector<LogRecord> UnknownKeyRecords() const;
+
+  // The program's signal handler prints with printf, as it is meant to; the
+  // thread sanitizer would report that as a signal-unsafe call and stop it.
+  void AllowPrintingSignalHandler();
+
   std::vector<LogRecord> Records() const;
   bool WaitForRecord(const LogRecord& record) const;
   // Waits until the program's main thread sleeps in poll or select (the key
   // read, or the wait for a reply), so that a signal sent now interrupts it.
   bool WaitUntilBlockedInPoll() const;
+  // Sends the signal while the program waits for a key at the prompt.
+  void SignalAtThePrompt(int signo);
 
   // Environment entries for every start of the program.
   std::vector<std::string> clientEnv;

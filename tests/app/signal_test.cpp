@@ -31,20 +31,7 @@ size_t Count(const std::vector<LogRecord>& records, const LogRecord& record) {
 
 class SignalTest : public AppTest {
  protected:
-  // The program's handler prints with printf, as it is meant to; the thread
-  // sanitizer would report that as a signal-unsafe call and stop it.
-  SignalTest() {
-    const char* tsan = std::getenv("TSAN_OPTIONS");
-    clientEnv.push_back("TSAN_OPTIONS=" + std::string(tsan != nullptr ? tsan : "") +
-                        (tsan != nullptr && *tsan != '\0' ? ":" : "") + "report_signal_unsafe=0");
-  }
-
-  // Sends the signal while the program waits for a key at the prompt.
-  void SignalAtThePrompt(int signo) {
-    ASSERT_TRUE(client->WaitForKeyRead());
-    ASSERT_TRUE(WaitUntilBlockedInPoll());
-    client->Signal(signo);
-  }
+  SignalTest() { AllowPrintingSignalHandler(); }
 
   void ExpectReportedAndSessionGoesOn(int signo) {
     StartSim();

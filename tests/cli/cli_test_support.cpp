@@ -131,7 +131,12 @@ StdinPipe::~StdinPipe() {
   ::dup2(mSavedIn, STDIN_FILENO);
   ::close(mSavedIn);
   ::close(mRead);
+  if (mWrite >= 0) ::close(mWrite);
+}
+
+void StdinPipe::CloseWriter() {
   ::close(mWrite);
+  mWrite = -1;
 }
 
 void StdinPipe::Write(const std::string& bytes) {
@@ -154,6 +159,21 @@ bool StdinPipe::WaitUntilAllRead() const {
     ::poll(nullptr, 0, 1);
   }
   return true;
+}
+
+StdinRedirect::StdinRedirect(int fd) {
+  mSavedIn = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3);
+  if (mSavedIn < 0) throw std::runtime_error("cannot save standard input");
+  if (fd >= 0) {
+    ::dup2(fd, STDIN_FILENO);
+  } else {
+    ::close(STDIN_FILENO);
+  }
+}
+
+StdinRedirect::~StdinRedirect() {
+  ::dup2(mSavedIn, STDIN_FILENO);
+  ::close(mSavedIn);
 }
 
 StdoutRedirect::StdoutRedirect(int fd) {

@@ -94,6 +94,8 @@ class StdinPipe {
   StdinPipe& operator=(const StdinPipe&) = delete;
 
   void Write(const std::string& bytes);
+  // Closes the writing end: once the written bytes are read, the input ends.
+  void CloseWriter();
   size_t Unread() const;
   // Waits until every written byte has been read; false on time-out.
   bool WaitUntilAllRead() const;
@@ -101,6 +103,19 @@ class StdinPipe {
  private:
   int mRead = -1;
   int mWrite = -1;
+  int mSavedIn = -1;
+};
+
+// Points standard input at `fd` for the object's lifetime; a negative `fd`
+// leaves descriptor 0 closed. The caller keeps `fd` and closes it.
+class StdinRedirect {
+ public:
+  explicit StdinRedirect(int fd);
+  ~StdinRedirect();
+  StdinRedirect(const StdinRedirect&) = delete;
+  StdinRedirect& operator=(const StdinRedirect&) = delete;
+
+ private:
   int mSavedIn = -1;
 };
 

@@ -68,6 +68,12 @@ bool Pty::ReadsKeyNow() const {
   return (settings.c_lflag & ICANON) == 0;
 }
 
+struct termios Pty::Settings() const {
+  struct termios settings;
+  if (tcgetattr(mMaster, &settings) != 0) throw std::runtime_error("tcgetattr on pty failed");
+  return settings;
+}
+
 bool Pty::WaitForKeyRead(milliseconds timeout) {
   const auto deadline = Clock::now() + timeout;
   while (!ReadsKeyNow()) {

@@ -5,6 +5,8 @@
 // are neither echoed nor eaten. Owns the master descriptor; one thread at a time.
 #pragma once
 
+#include <termios.h>
+
 #include <chrono>
 #include <string>
 
@@ -26,6 +28,9 @@ class Pty {
   // True while the program has switched the terminal to non-canonical mode,
   // which it does only while it waits for a key.
   bool ReadsKeyNow() const;
+  // The slave's settings (the master reports them, also after the program
+  // has closed its side).
+  struct termios Settings() const;
   // Waits until ReadsKeyNow() holds, collecting output meanwhile.
   bool WaitForKeyRead(milliseconds timeout);
 

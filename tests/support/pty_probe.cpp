@@ -1,7 +1,9 @@
 // A small program for the test-support self-tests: it logs, reads keys the way
 // an interactive program does (non-canonical only while waiting), reports its
-// process id and the signals it catches, and exits with a chosen status.
+// process id, what its standard input is and the signals it catches, and exits
+// with a chosen status.
 #include <signal.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <termios.h>
 #include <unistd.h>
@@ -47,6 +49,18 @@ void Caught(int signo) {
   if (signo == SIGSEGV) _exit(4);
 }
 
+// What descriptor 0 is, and for a pipe or file whether it is at its end.
+const char* StandardInputKind() {
+  struct stat st;
+  if (fstat(0, &st) != 0) return "closed";
+  if (isatty(0)) return "terminal";
+  char c = 0;
+  const bool atEnd = read(0, &c, 1) == 0;
+  if (S_ISFIFO(st.st_mode)) return atEnd ? "pipe at its end" : "pipe";
+  if (S_ISCHR(st.st_mode)) return atEnd ? "character device at its end" : "character device";
+  return "other";
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -70,11 +84,15 @@ int main(int argc, char** argv) {
     std::printf("pid %d\n", static_cast<int>(getpid()));
     return 0;
   }
+  if (std::strcmp(mode, "stdin") == 0) {
+    std::printf("stdin %s\n", StandardInputKind());
+    return 0;
+  }
   if (std::strcmp(mode, "stderr") == 0) {
     std::fprintf(stderr, "to stderr\n");
     std::printf("to stdout\n");
     return 0;
   }
-  std::printf("usage: %s log|keys|catch|pid|stderr\n", argv[0]);
+  std::printf("usage: %s log|keys|catch|pid|stdin|stderr\n", argv[0]);
   return 1;
 }

@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -69,6 +70,35 @@ std::vector<std::string> BuildEnv(const std::vector<std::string>& extra, bool la
   return env;
 }
 
+// The descriptor that becomes the child's standard input; -1 for the
+// terminal and for none.
+int OpenInput(const PtyProcess::Options& options) {
+  using Input = PtyProcess::Input;
+  if (options.input == Input::File) {
+    const int fd = ::open(options.inputPath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throw std::runtime_error("cannot open " + options.inputPath);
+    return fd;
+  }
+  if (options.input == Input::EndedPipe) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    ::close(fds[1]);
+    return fds[0];
+  }
+  return -1;
+}
+
+// In the child: puts the chosen standard input in place.
+void SetUpChildInput(PtyProcess::Input input, int slave, int inputFd) {
+  if (input == PtyProcess::Input::Terminal) {
+    ::dup2(slave, STDIN_FILENO);
+  } else if (inputFd >= 0) {
+    ::dup2(inputFd, STDIN_FILENO);
+  } else {
+    ::close(STDIN_FILENO);
+  }
+}
+
 std::vector<char*> Pointers(std::vector<std::string>& strings) {
   std::vector<char*> pointers;
   for (std::string& s : strings) pointers.push_back(s.data());
@@ -92,12 +122,15 @@ PtyProcess::PtyProcess(std::vector<std::string> argv, Options options) {
   // of a threaded test may only make async-signal-safe calls.
   std::vector<char*> args = Pointers(command);
   std::vector<char*> envp = Pointers(env);
+  mStartSettings = mPty.Settings();
+  const int inputFd = OpenInput(options);
   const int slave = mPty.OpenSlave();
   int errFd = -1;
   if (!options.stderrPath.empty()) {
     errFd = ::open(options.stderrPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (errFd < 0) {
       ::close(slave);
+      if (inputFd >= 0) ::close(inputFd);
       throw std::runtime_error("cannot open " + options.stderrPath);
     }
   }
@@ -110,7 +143,7 @@ PtyProcess::PtyProcess(std::vector<std::string> argv, Options options) {
     sigprocmask(SIG_SETMASK, &none, nullptr);
     ::setsid();
     ::ioctl(slave, TIOCSCTTY, 0);
-    ::dup2(slave, STDIN_FILENO);
+    SetUpChildInput(options.input, slave, inputFd);
     ::dup2(slave, STDOUT_FILENO);
     ::dup2(errFd >= 0 ? errFd : slave, STDERR_FILENO);
     if (options.inChild) options.inChild();
@@ -118,6 +151,7 @@ PtyProcess::PtyProcess(std::vector<std::string> argv, Options options) {
     ::_exit(127);
   }
   ::close(slave);
+  if (inputFd >= 0) ::close(inputFd);
   if (errFd >= 0) ::close(errFd);
 }
 
@@ -165,6 +199,13 @@ std::optional<int> PtyProcess::WaitForExit(milliseconds timeout) {
   }
   mPty.WaitForEnd(std::chrono::seconds(5));
   return mStatus;
+}
+
+bool PtyProcess::SettingsAsAtStart() const {
+  const struct termios now = Settings();
+  const struct termios& start = mStartSettings;
+  return now.c_iflag == start.c_iflag && now.c_oflag == start.c_oflag && now.c_cflag == start.c_cflag &&
+         now.c_lflag == start.c_lflag && std::equal(now.c_cc, now.c_cc + NCCS, start.c_cc);
 }
 
 int PtyProcess::ExitCode(int waitStatus) { return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1; }

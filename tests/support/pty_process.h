@@ -7,6 +7,7 @@
 #pragma once
 
 #include <sys/types.h>
+#include <termios.h>
 
 #include <functional>
 #include <optional>
@@ -19,6 +20,11 @@ namespace zel::test {
 
 class PtyProcess {
  public:
+  // What the program gets as standard input: the terminal, a file opened for
+  // reading (such as /dev/null), a pipe whose writing end is already closed
+  // (input that has ended), or no descriptor 0 at all.
+  enum class Input { Terminal, File, EndedPipe, Closed };
+
   struct Options {
     // Extra environment entries ("NAME=value"), overriding inherited ones.
     std::vector<std::string> env;
@@ -28,6 +34,9 @@ class PtyProcess {
     // the child's process id (which the program keeps across exec). The test
     // may have threads, so it may only make async-signal-safe calls.
     std::function<void()> inChild = nullptr;
+    Input input = Input::Terminal;
+    // The file that Input::File opens.
+    std::string inputPath = std::string();
   };
 
   explicit PtyProcess(std::vector<std::string> argv);
@@ -42,6 +51,14 @@ class PtyProcess {
   bool Type(const std::string& keys, milliseconds timeout = std::chrono::seconds(10));
   // True while the terminal has line editing off (the program reads a key).
   bool ReadsKeyNow() const { return mPty.ReadsKeyNow(); }
+  // The terminal's settings before the program started, and now.
+  const struct termios& StartSettings() const { return mStartSettings; }
+  struct termios Settings() const {
+    return mPty.Settings();
+  }
+  // True when the terminal's settings are now those it had before the
+  // program started (modes and control characters).
+  bool SettingsAsAtStart() const;
   // Waits until the program waits for a key.
   bool WaitForKeyRead(milliseconds timeout = std::chrono::seconds(10));
 
@@ -61,6 +78,7 @@ class PtyProcess {
 
  private:
   Pty mPty;
+  struct termios mStartSettings {};
   pid_t mPid = -1;
   std::optional<int> mStatus;
 };

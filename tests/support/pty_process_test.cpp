@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <sys/wait.h>
+#include <termios.h>
 
 #include <fstream>
 #include <sstream>
@@ -96,6 +97,42 @@ TEST(PtyProcessTest, StandardErrorCanGoToAFile) {
   std::stringstream text;
   text << err.rdbuf();
   EXPECT_EQ(text.str(), "to stderr\n");
+}
+
+// The standard input the probe reports for `input` (and `path`).
+std::string ProbedInput(PtyProcess::Input input, const std::string& path = "") {
+  PtyProcess::Options options;
+  options.input = input;
+  options.inputPath = path;
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "stdin"}, options);
+  if (!probe.WaitForExit().has_value()) return "no end";
+  return probe.Output();
+}
+
+TEST(PtyProcessTest, StandardInputIsTheTerminalByDefault) {
+  EXPECT_EQ(ProbedInput(PtyProcess::Input::Terminal), "stdin terminal\r\n");
+}
+
+TEST(PtyProcessTest, StandardInputCanBeAFile) {
+  EXPECT_EQ(ProbedInput(PtyProcess::Input::File, "/dev/null"), "stdin character device at its end\r\n");
+}
+
+TEST(PtyProcessTest, StandardInputCanBeAPipeThatHasEnded) {
+  EXPECT_EQ(ProbedInput(PtyProcess::Input::EndedPipe), "stdin pipe at its end\r\n");
+}
+
+TEST(PtyProcessTest, StandardInputCanBeClosed) {
+  EXPECT_EQ(ProbedInput(PtyProcess::Input::Closed), "stdin closed\r\n");
+}
+
+TEST(PtyProcessTest, SettingsShowTheProgramsModeAndStayReadableAfterItsEnd) {
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "keys"});
+  ASSERT_TRUE(probe.WaitForKeyRead());
+  EXPECT_EQ(probe.Settings().c_lflag, probe.StartSettings().c_lflag & ~static_cast<tcflag_t>(ICANON | ECHO));
+  EXPECT_FALSE(probe.SettingsAsAtStart());
+  ASSERT_TRUE(probe.Type("q"));
+  ASSERT_TRUE(probe.WaitForExit().has_value());
+  EXPECT_TRUE(probe.SettingsAsAtStart());
 }
 
 TEST(PtyProcessTest, WaitForOutputGivesUpAfterTimeout) {
