@@ -1,0 +1,60 @@
+// The request clients of a one-shot command or a batch. The protocol has no
+// request ids: a reply that comes after its request timed out is read as the
+// reply to whatever the same socket sends next. So after an unanswered
+// request the next one goes out on a client at a new path, and the old
+// client stays bound (its slot taken, its late reply swallowed unread) so
+// that the library, which gives each new client the first free of this
+// process's ten slot paths, cannot hand that path out again. When all ten
+// are taken, the supply moves to a private directory of its own below the
+// given one; the old directory is never used again, so its retired clients
+// can go. Clients have no event socket and never unregister. One thread.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ipc/ipc_client.h"
+#include "tools/ctl/failure.h"
+#include "tools/ctl/settings.h"
+
+namespace zel::ctl {
+
+class ClientSupply {
+ public:
+  explicit ClientSupply(const Settings& settings);
+  // Destroys every client (removing its socket file) and the private
+  // directory.
+  ~ClientSupply();
+  ClientSupply(const ClientSupply&) = delete;
+  ClientSupply& operator=(const ClientSupply&) = delete;
+
+  // The client for the next request, made when there is none; nullptr with
+  // the failure when none can be made.
+  zel::ipc::IPCClient* Current(Failure& failure);
+  // The current client's request went unanswered: it is kept aside, and the
+  // next request gets a new client.
+  void Retire();
+
+ private:
+  struct Held {
+    std::unique_ptr<zel::ipc::IPCClient> client;
+    std::string path;
+  };
+
+  bool Make(Failure& failure);
+  bool TryMake(Held& held);
+  bool MoveToPrivateDirectory(Failure& failure);
+  void DropRetired();
+  // Destroys the client (its socket file goes with it) and forgets its path.
+  static void Discard(Held& held);
+  void RemovePrivateDirectory();
+
+  const Settings& mSettings;
+  std::string mDir;         // where clients are made now
+  std::string mPrivateDir;  // our own directory, once the given one ran out of slots
+  Held mCurrent;
+  std::vector<Held> mRetired;
+};
+
+}  // namespace zel::ctl
