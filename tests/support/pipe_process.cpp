@@ -179,7 +179,11 @@ PipeProcess::Result PipeProcess::Finish(milliseconds timeout) {
 }
 
 void PipeProcess::Collect() {
-  pollfd fds[3] = {{mOut, POLLIN, 0}, {mErr, POLLIN, 0}, {mStop[0], POLLIN, 0}};
+  pollfd fds[3] = {
+      {mOut,     POLLIN, 0},
+      {mErr,     POLLIN, 0},
+      {mStop[0], POLLIN, 0}
+  };
   std::string* texts[2] = {&mOutText, &mErrText};
   size_t open = 2;
   char buffer[4096];

@@ -101,8 +101,8 @@ bool CommandLine::ReadOptions() {
       return Usage(last.compare(0, 2, "--") == 0 ? last : std::string("-") + static_cast<char>(optopt),
                    "needs a value");
     }
-    const std::string typed = longIndex >= 0 ? std::string("--") + longOptions[longIndex].name
-                                             : std::string("-") + static_cast<char>(letter);
+    const std::string typed =
+        longIndex >= 0 ? std::string("--") + longOptions[longIndex].name : std::string("-") + static_cast<char>(letter);
     if (!TakeOption(letter, optarg, typed)) return false;
   }
   mFirstWord = optind;

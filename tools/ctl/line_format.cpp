@@ -12,9 +12,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr long kNanosecondsPerMillisecond = 1000000;
 
-std::string Dump(const Json& object) {
-  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
-}
+std::string Dump(const Json& object) { return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n"; }
 
 std::string TabSeparated(const std::string& first, const std::vector<std::string>& rest) {
   std::string line = first;

@@ -74,7 +74,10 @@ int Watcher::Run() {
   }
   mNextCheck = Later(Now(CLOCK_MONOTONIC), kCheckIntervalMs);
   while (PrintWaiting()) {
-    pollfd fds[2] = {{signals.Fd(), POLLIN, 0}, {mQueue.Fd(), POLLIN, 0}};
+    pollfd fds[2] = {
+        {signals.Fd(), POLLIN, 0},
+        {mQueue.Fd(),  POLLIN, 0}
+    };
     // While a program runs, new events wait in the queue unlooked-at.
     const nfds_t count = mProgram && mProgram->Running() ? 1 : 2;
     const int ready = ::poll(fds, count, static_cast<int>(PollTimeoutMs()));
@@ -100,9 +103,7 @@ bool Watcher::Connect(Failure& failure) {
   return true;
 }
 
-void Watcher::OnEvent(zel::ipc::IPCEvent& event) {
-  mQueue.Push(EventQueue::Entry{event, Now(CLOCK_REALTIME)});
-}
+void Watcher::OnEvent(zel::ipc::IPCEvent& event) { mQueue.Push(EventQueue::Entry{event, Now(CLOCK_REALTIME)}); }
 
 bool Watcher::PrintWaiting() {
   if (mOutput.Broken()) return false;

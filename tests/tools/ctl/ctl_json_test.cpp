@@ -27,7 +27,11 @@ TEST_F(CtlTest, JsonPingIsOneObjectWithCommandCodeAndArgs) {
   EXPECT_EQ(result.out, "{\"command\":\"ping\",\"code\":1,\"args\":[\"PONG\"]}\n");
   const Json object = OneObject(result.out);
   ASSERT_FALSE(object.is_discarded());
-  EXPECT_EQ(object, Json({{"command", "ping"}, {"code", 1}, {"args", {"PONG"}}}));
+  EXPECT_EQ(object, Json({
+                        {"command", "ping"  },
+                        {"code",    1       },
+                        {"args",    {"PONG"}}
+  }));
 }
 
 TEST_F(CtlTest, JsonNamesTheCanonicalCommandForAnAlias) {
@@ -36,14 +40,22 @@ TEST_F(CtlTest, JsonNamesTheCanonicalCommandForAnAlias) {
   EXPECT_EQ(result.exitCode, 0);
   const Json object = OneObject(result.out);
   ASSERT_FALSE(object.is_discarded());
-  EXPECT_EQ(object, Json({{"command", "mac"}, {"code", 1}, {"args", {"02:00:00:00:00:03"}}}));
+  EXPECT_EQ(object, Json({
+                        {"command", "mac"                },
+                        {"code",    1                    },
+                        {"args",    {"02:00:00:00:00:03"}}
+  }));
 }
 
 TEST_F(CtlTest, JsonStationsHoldsEveryStation) {
   StartSim({"--station", "a 1", "--station", "b 2"});
   const Json object = OneObject(Ctl({"-j", "atcmd_wlanapclist"}).out);
   ASSERT_FALSE(object.is_discarded());
-  EXPECT_EQ(object, Json({{"command", "stations"}, {"code", 1}, {"args", {"a 1", "b 2"}}}));
+  EXPECT_EQ(object, Json({
+                        {"command", "stations"    },
+                        {"code",    1             },
+                        {"args",    {"a 1", "b 2"}}
+  }));
 }
 
 TEST_F(CtlTest, JsonStationsWithNoneConnectedHasAnEmptyArgumentList) {
@@ -60,7 +72,11 @@ TEST_F(CtlTest, JsonPrintsAReplyOfAnotherCodeAndStillExitsWithOne) {
   EXPECT_EQ(result.exitCode, 1);
   const Json object = OneObject(result.out);
   ASSERT_FALSE(object.is_discarded());
-  EXPECT_EQ(object, Json({{"command", "ping"}, {"code", 3}, {"args", {"busy"}}}));
+  EXPECT_EQ(object, Json({
+                        {"command", "ping"  },
+                        {"code",    3       },
+                        {"args",    {"busy"}}
+  }));
   EXPECT_EQ(result.err, ErrorLine("send_ping", "the service answered with code 3"));
 }
 
@@ -71,7 +87,11 @@ TEST_F(CtlTest, JsonSendHoldsTheReplyFields) {
   EXPECT_EQ(result.exitCode, 0);
   const Json object = OneObject(result.out);
   ASSERT_FALSE(object.is_discarded());
-  EXPECT_EQ(object, Json({{"command", "send"}, {"code", 1}, {"args", {"", "\"quoted\"\\"}}}));
+  EXPECT_EQ(object, Json({
+                        {"command", "send"              },
+                        {"code",    1                   },
+                        {"args",    {"", "\"quoted\"\\"}}
+  }));
 }
 
 TEST_F(CtlTest, JsonEscapesControlCharacters) {
@@ -86,12 +106,15 @@ TEST_F(CtlTest, JsonEscapesControlCharacters) {
 
 TEST_F(CtlTest, JsonReplacesBytesThatAreNotUtf8) {
   StartFake();
-  fake->Script(3, Answer::Reply("1\tab\xff\xfe" "c\tok\xc3\xa9"));
+  fake->Script(3, Answer::Reply("1\tab\xff\xfe"
+                                "c\tok\xc3\xa9"));
   const Result result = Ctl({"--json", "mac"});
   EXPECT_EQ(result.exitCode, 0);
   const Json object = OneObject(result.out);
   ASSERT_FALSE(object.is_discarded());
-  EXPECT_EQ(object["args"], Json({"ab\xef\xbf\xbd\xef\xbf\xbd" "c", "ok\xc3\xa9"}));
+  EXPECT_EQ(object["args"], Json({"ab\xef\xbf\xbd\xef\xbf\xbd"
+                                  "c",
+                                  "ok\xc3\xa9"}));
 }
 
 TEST_F(CtlTest, JsonPrintsNothingWhenNoReplyCame) {

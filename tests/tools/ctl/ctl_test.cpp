@@ -10,9 +10,7 @@ namespace zel::ctl::test {
 namespace {
 
 // The client's socket files and its own directory of them.
-bool IsClientFile(const std::string& name) {
-  return name.rfind("ipc_client-", 0) == 0 || name.rfind("ctl-", 0) == 0;
-}
+bool IsClientFile(const std::string& name) { return name.rfind("ipc_client-", 0) == 0 || name.rfind("ctl-", 0) == 0; }
 
 }  // namespace
 
@@ -21,8 +19,7 @@ std::string ErrorLine(const std::string& what, const std::string& why) {
 }
 
 void CtlTest::StartSim(const std::vector<std::string>& options) {
-  sim = std::make_unique<SimProcess>(KDX_SIM_PATH, ServicePath(), dir.File("sim.log"), dir.File("sim.syslog"),
-                                     options);
+  sim = std::make_unique<SimProcess>(KDX_SIM_PATH, ServicePath(), dir.File("sim.log"), dir.File("sim.syslog"), options);
   ASSERT_TRUE(sim->WaitUntilServing());
 }
 

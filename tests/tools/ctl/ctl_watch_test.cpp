@@ -73,8 +73,7 @@ TEST_F(CtlWatchTest, PrintsEachEventAsItArrives) {
   const std::string eventPath = StartWatch();
   ASSERT_TRUE(fake->SendTo(eventPath, "7\tlink up"));
   ASSERT_TRUE(watch->WaitForOutLines(1));
-  EXPECT_TRUE(std::regex_match(watch->Out(), std::regex(std::string(kTimePattern) + "\t7\tlink up\n")))
-      << watch->Out();
+  EXPECT_TRUE(std::regex_match(watch->Out(), std::regex(std::string(kTimePattern) + "\t7\tlink up\n"))) << watch->Out();
   ASSERT_TRUE(fake->SendTo(eventPath, "8\ta\t\tb"));
   ASSERT_TRUE(watch->WaitForOutLines(2));
   const std::string second = watch->Out().substr(watch->Out().find('\n') + 1);
@@ -150,7 +149,8 @@ TEST_F(CtlWatchTest, StopWithAnUnansweredUnregistrationStillEndsCleanly) {
 TEST_F(CtlWatchTest, ExecRunsTheProgramForEachEventInOrderAndWaitsForIt) {
   StartFake();
   const std::string log = dir.File("exec.log");
-  const std::string program = Script("handler", "echo \"begin $*\" >> " + log + "\nsleep 0.1\necho \"end $1\" >> " + log);
+  const std::string program =
+      Script("handler", "echo \"begin $*\" >> " + log + "\nsleep 0.1\necho \"end $1\" >> " + log);
   const std::string eventPath = StartWatch({"--exec", program, "--count", "3"});
   ASSERT_TRUE(fake->SendTo(eventPath, "7\tlink up"));
   ASSERT_TRUE(fake->SendTo(eventPath, "8"));
@@ -158,8 +158,8 @@ TEST_F(CtlWatchTest, ExecRunsTheProgramForEachEventInOrderAndWaitsForIt) {
   const Result result = watch->Finish();
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(result.err, "");
-  EXPECT_EQ(Lines(log), std::vector<std::string>({"begin 7 link up", "end 7", "begin 8", "end 8", "begin 9 a b",
-                                                  "end 9"}));
+  EXPECT_EQ(Lines(log),
+            std::vector<std::string>({"begin 7 link up", "end 7", "begin 8", "end 8", "begin 9 a b", "end 9"}));
 }
 
 TEST_F(CtlWatchTest, ExecProgramThatFailsIsReportedAndTheWatchGoesOn) {
@@ -209,8 +209,8 @@ TEST_F(CtlWatchTest, RestartedServiceIsRegisteredWithAgainWithoutDuplicates) {
   ASSERT_TRUE(fake->SendTo(secondPath, "7\tafter"));
   ASSERT_TRUE(watch->WaitForOutLines(2));
   EXPECT_TRUE(::zel::test::WaitForSyslogRecord(
-      SyslogFile(), ::zel::test::LogRecord{LOG_INFO, "void zel::ctl::Watcher::Reconnect() 1: service at [" + ServicePath() +
-                                   "] started anew; registering again\n"}));
+      SyslogFile(), ::zel::test::LogRecord{LOG_INFO, "void zel::ctl::Watcher::Reconnect() 1: service at [" +
+                                                         ServicePath() + "] started anew; registering again\n"}));
   const std::string out = watch->Out();
   EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2);
   EXPECT_NE(out.find("\t7\tbefore\n"), std::string::npos);
