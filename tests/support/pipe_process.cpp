@@ -34,8 +34,9 @@ void CloseFd(int& fd) {
 }  // namespace
 
 PipeProcess::PipeProcess(std::vector<std::string> argv, Options options) {
-  const bool launched = !LauncherCommand().empty();
-  std::vector<std::string> command = ChildCommand(argv);
+  const bool launched = !options.hostTool && !LauncherCommand().empty();
+  std::vector<std::string> command = options.hostTool ? argv : ChildCommand(argv);
+  if (command.empty()) throw std::invalid_argument("PipeProcess needs a program");
   const std::string program = ResolveProgram(command[0]);
   std::vector<std::string> env = ChildEnv(options.env, launched);
   std::vector<char*> args = ExecPointers(command);

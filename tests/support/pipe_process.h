@@ -30,6 +30,9 @@ class PipeProcess {
     // test running as root sees what a plain user is refused.
     int user = -1;
     int group = -1;
+    // A tool of the build machine (a shell): started without the launcher,
+    // which is for the programs of this build.
+    bool hostTool = false;
   };
 
   // How a program that was run to its end ended.

@@ -75,29 +75,51 @@ bool CommandLine::Parse(Invocation& invocation, Failure& failure) {
   mFailure = &failure;
   invocation = Invocation();
   invocation.settings = Defaults();
-  if (!ReadOptions()) return false;
+  std::vector<char*> args(mArgv, mArgv + mArgc);
+  size_t first = 0;
+  if (!ReadOptions(args, first)) return false;
+  std::vector<std::string> words(args.begin() + first, args.end());
+  // A command without arguments may be followed by more options, as in
+  // "watch --json"; after any other command every word is an argument.
+  if (!words.empty() && TakesNoArguments(words[0])) {
+    std::vector<char*> rest = {mArgv[0]};
+    rest.insert(rest.end(), args.begin() + first + 1, args.end());
+    size_t next = 0;
+    if (!ReadOptions(rest, next)) return false;
+    words.resize(1);
+    words.insert(words.end(), rest.begin() + next, rest.end());
+  }
   if (invocation.mode == Invocation::Mode::Help || invocation.mode == Invocation::Mode::Version) return true;
-  return ReadCommand() && CheckWatchOptions() && CheckService();
+  return ReadCommand(words) && CheckWatchOptions() && CheckService();
 }
 
-bool CommandLine::ReadOptions() {
+bool CommandLine::TakesNoArguments(const std::string& word) {
+  if (word == kBatchWord) return true;
+  const CommandSpec* spec = CommandTable::Find(word);
+  return spec != nullptr && !spec->takesArguments;
+}
+
+bool CommandLine::ReadOptions(std::vector<char*>& args, size_t& first) {
   const std::vector<option> longOptions = LongOptions();
   const std::string shortOptions = ShortOptions();
+  const int count = static_cast<int>(args.size());
+  args.push_back(nullptr);
   opterr = 0;
-  optind = 1;
+  // 0 rather than 1 starts getopt afresh, for a second list of words.
+  optind = 0;
   while (true) {
     int longIndex = -1;
-    const int letter = getopt_long(mArgc, mArgv, shortOptions.c_str(), longOptions.data(), &longIndex);
+    const int letter = getopt_long(count, args.data(), shortOptions.c_str(), longOptions.data(), &longIndex);
     if (letter == -1) break;
     if (letter == '?') {
       // A short option is known by its letter; a long one only by its word.
       const std::string typed =
-          optopt != 0 ? std::string("-") + static_cast<char>(optopt) : OptionWord(mArgv[optind - 1]);
+          optopt != 0 ? std::string("-") + static_cast<char>(optopt) : OptionWord(args[optind - 1]);
       return Usage(typed, "unknown option (try --help)");
     }
     if (letter == ':') {
       // A value can only be missing after the last word.
-      const std::string last = OptionWord(mArgv[mArgc - 1]);
+      const std::string last = OptionWord(args[count - 1]);
       return Usage(last.compare(0, 2, "--") == 0 ? last : std::string("-") + static_cast<char>(optopt),
                    "needs a value");
     }
@@ -105,7 +127,8 @@ bool CommandLine::ReadOptions() {
         longIndex >= 0 ? std::string("--") + longOptions[longIndex].name : std::string("-") + static_cast<char>(letter);
     if (!TakeOption(letter, optarg, typed)) return false;
   }
-  mFirstWord = optind;
+  args.pop_back();
+  first = static_cast<size_t>(optind);
   return true;
 }
 
@@ -146,8 +169,7 @@ bool CommandLine::TakeOption(int letter, const char* value, const std::string& t
   }
 }
 
-bool CommandLine::ReadCommand() {
-  const std::vector<std::string> words(mArgv + mFirstWord, mArgv + mArgc);
+bool CommandLine::ReadCommand(const std::vector<std::string>& words) {
   if (!words.empty() && words[0] == kBatchWord) {
     if (words.size() > 1) return Usage(kBatchWord, "takes no arguments, not \"" + words[1] + "\"");
     mInvocation->mode = Invocation::Mode::Batch;

@@ -1,8 +1,10 @@
 // Reads kendrivex-ctl's command line: the options (from the option table,
 // with the environment's defaults), then the command and its arguments, or
 // "-" for commands from standard input. Options come before the command;
-// everything after it is its arguments. Used once, from main (getopt_long
-// keeps global state).
+// everything after a command that takes arguments is its arguments, so that
+// send's fields may begin with "-". After one that takes none, options may
+// follow too ("watch --json"). Used from main (getopt_long keeps global
+// state).
 #pragma once
 
 #include <string>
@@ -30,9 +32,12 @@ class CommandLine {
   bool Parse(Invocation& invocation, Failure& failure);
 
  private:
-  bool ReadOptions();
+  // Reads the options at the start of `args` (whose first word is the
+  // program's name); `first` is then the index of the first other word.
+  bool ReadOptions(std::vector<char*>& args, size_t& first);
   bool TakeOption(int letter, const char* value, const std::string& typed);
-  bool ReadCommand();
+  static bool TakesNoArguments(const std::string& word);
+  bool ReadCommand(const std::vector<std::string>& words);
   bool CheckWatchOptions();
   bool CheckService();
   bool Usage(const std::string& what, const std::string& why);
@@ -41,7 +46,6 @@ class CommandLine {
   char** mArgv;
   Invocation* mInvocation = nullptr;
   Failure* mFailure = nullptr;
-  int mFirstWord = 1;
   // How --exec and --count were typed, when they were.
   std::string mSawExec;
   std::string mSawCount;

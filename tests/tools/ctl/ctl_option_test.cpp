@@ -64,6 +64,30 @@ TEST_F(CtlTest, DoubleDashEndsTheOptions) {
   EXPECT_EQ(result.out, "{\"command\":\"ping\",\"code\":1,\"args\":[\"PONG\"]}\n");
 }
 
+TEST_F(CtlTest, OptionsMayFollowACommandThatTakesNoArguments) {
+  StartSim();
+  const Result result = Ctl({"ping", "--json", "-t", "3000"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.out, "{\"command\":\"ping\",\"code\":1,\"args\":[\"PONG\"]}\n");
+}
+
+TEST_F(CtlTest, OptionsMayFollowTheStandardInputWord) {
+  StartSim();
+  const Result result = Ctl({"-", "-j"}, "ping\n");
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.out, "{\"command\":\"ping\",\"code\":1,\"args\":[\"PONG\"]}\n");
+}
+
+TEST_F(CtlTest, WordsAfterSendAreFieldsEvenWhenTheyLookLikeOptions) {
+  StartFake();
+  fake->Script(1, FakeService::Answer::Reply("1\tPONG"));
+  const Result result = Ctl({"send", "1", "-j", "--timeout", "7"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.out, "1\tPONG\n");
+  ASSERT_EQ(fake->Requests().size(), 1u);
+  EXPECT_EQ(fake->Requests()[0].text, "1\t-j\t--timeout\t7");
+}
+
 TEST_F(CtlTest, VerboseCopiesTheDiagnosticsToStandardError) {
   StartSim();
   // The system log is not captured here: the copy is the C library's.

@@ -26,11 +26,12 @@ const char kTimePattern[] = "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{
 
 class CtlWatchTest : public CtlTest {
  protected:
-  // Starts a watch against the fake service and waits for its registration;
-  // the event path it registered.
+  // Starts a watch against the fake service, with `options` after the
+  // command as the documented examples write them, and waits for its
+  // registration; the event path it registered.
   std::string StartWatch(const std::vector<std::string>& options = {}) {
-    std::vector<std::string> args = options;
-    args.push_back("watch");
+    std::vector<std::string> args = {"watch"};
+    args.insert(args.end(), options.begin(), options.end());
     watch = StartCtl(args, Options());
     EXPECT_TRUE(fake->WaitForRequestsFor(4, 1));
     const std::vector<FakeService::Request> registrations = fake->RequestsFor(4);
