@@ -2,9 +2,9 @@
 # pages), and the Debian packages CPack makes from the installed tree.
 #
 # Packages, one set per target architecture:
-# - kendrivex-cli: both programs and their manual pages (the default install
-#   component). The programs carry the IPC code statically linked, so they
-#   need no library package.
+# - kendrivex-cli: the programs, their manual pages and the bash completion of
+#   kendrivex-ctl (the default install component). The programs carry the IPC
+#   code statically linked, so they need no library package.
 # - libkendrivex-ipc0: the client library, named after its SONAME as Debian
 #   does, so that a later incompatible version can be installed beside it.
 # - libkendrivex-ipc-dev: header, pkg-config file and the unversioned link,
@@ -14,7 +14,7 @@
 # either way). -n leaves name and time out, so that packages are reproducible.
 find_program(KDX_GZIP gzip REQUIRED)
 set(kdxManPages)
-foreach(page kendrivex-cli.1 kendrivex-sim.1)
+foreach(page kendrivex-cli.1 kendrivex-ctl.1 kendrivex-sim.1)
   set(copy ${PROJECT_BINARY_DIR}/man/${page})
   configure_file(${PROJECT_SOURCE_DIR}/man/${page} ${copy} COPYONLY)
   add_custom_command(OUTPUT ${copy}.gz
@@ -112,6 +112,10 @@ kendrivex-cli talks to the device-control service over its Unix-domain
 datagram socket: a prompt with line editing, history and completion of
 command names, from which the operator pings the service and queries the
 Wi-Fi access point's stations and MAC address.
+.
+kendrivex-ctl does the same from scripts: one command per run or one a line
+from standard input, plain or JSON output, exit statuses that say what
+happened, and a watch that prints the service's events as they arrive.
 .
 kendrivex-sim plays the service, so that the client (and programs built on
 the client library) can be tried and tested without the device.")
