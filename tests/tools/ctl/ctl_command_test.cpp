@@ -1,6 +1,8 @@
 // One-shot commands against the simulator and the fake service: what each
 // command prints, its exit status, and that the service sees only the
 // command's own request.
+#include <signal.h>
+
 #include <string>
 #include <vector>
 
@@ -182,6 +184,17 @@ TEST_F(CtlTest, ServiceThatGoesAwayDuringTheWaitIsReportedAsUnreachable) {
   const Result result = ctl->Finish();
   EXPECT_EQ(result.exitCode, 3);
   EXPECT_EQ(result.err, ErrorLine(ServicePath(), "No such file or directory"));
+  EXPECT_EQ(LeftOver(), std::vector<std::string>());
+}
+
+TEST_F(CtlTest, StopSignalDuringTheWaitRemovesTheSocketFile) {
+  StartFake();
+  auto ctl = StartCtl({"--timeout", "20000", "ping"}, Options());
+  ASSERT_TRUE(fake->WaitForRequests(1));
+  ctl->Signal(SIGTERM);
+  const Result result = ctl->Finish();
+  EXPECT_EQ(result.signal, SIGTERM);
+  EXPECT_EQ(result.out, "");
   EXPECT_EQ(LeftOver(), std::vector<std::string>());
 }
 

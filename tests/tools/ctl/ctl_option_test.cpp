@@ -91,10 +91,7 @@ TEST_F(CtlTest, WordsAfterSendAreFieldsEvenWhenTheyLookLikeOptions) {
 TEST_F(CtlTest, VerboseCopiesTheDiagnosticsToStandardError) {
   StartSim();
   // The system log is not captured here: the copy is the C library's.
-  PipeProcess::Options options;
-  options.env = {"KENDRIVEX_SERVICE=", "KENDRIVEX_DIR="};
-  const Result result =
-      PipeProcess::Run({KDX_CTL_PATH, "-s", ServicePath(), "-d", dir.path(), "--verbose", "ping"}, "", options);
+  const Result result = CtlBare({"-s", ServicePath(), "-d", dir.path(), "--verbose", "ping"}, UncapturedOptions());
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(result.out, "PONG\n");
   EXPECT_NE(result.err.find("client snd [1]"), std::string::npos) << result.err;
@@ -103,9 +100,7 @@ TEST_F(CtlTest, VerboseCopiesTheDiagnosticsToStandardError) {
 
 TEST_F(CtlTest, WithoutVerboseStandardErrorStaysEmpty) {
   StartSim();
-  PipeProcess::Options options;
-  options.env = {"KENDRIVEX_SERVICE=", "KENDRIVEX_DIR="};
-  const Result result = PipeProcess::Run({KDX_CTL_PATH, "-s", ServicePath(), "-d", dir.path(), "ping"}, "", options);
+  const Result result = CtlBare({"-s", ServicePath(), "-d", dir.path(), "ping"}, UncapturedOptions());
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(result.err, "");
 }

@@ -30,6 +30,16 @@ void MakeDeadSocket(const std::string& path) {
   ::close(fd);
 }
 
+// A directory below `base` whose path is at least `length` bytes long.
+std::string DeepDirectory(const std::string& base, size_t length) {
+  std::string deep = base;
+  while (deep.size() < length) {
+    deep += "/deeper";
+    EXPECT_EQ(::mkdir(deep.c_str(), 0755), 0);
+  }
+  return deep;
+}
+
 void ExpectUsageError(const Result& result, const std::string& what, const std::string& why) {
   EXPECT_EQ(result.exitCode, 2);
   EXPECT_EQ(result.out, "");
@@ -99,11 +109,7 @@ TEST_F(CtlTest, DirectoryThatIsNotWritableExitsWithFour) {
 
 TEST_F(CtlTest, DirectoryTooDeepForTheSocketPathsExitsWithFour) {
   StartSim();
-  std::string deep = dir.path();
-  while (deep.size() < 100) {
-    deep += "/deeper";
-    ASSERT_EQ(::mkdir(deep.c_str(), 0755), 0);
-  }
+  const std::string deep = DeepDirectory(dir.path(), 100);
   const Result result = CtlBare({"-s", ServicePath(), "-d", deep, "ping"}, Options());
   EXPECT_EQ(result.exitCode, 4);
   EXPECT_EQ(result.err, ErrorLine(deep, "too long for the client's socket paths (at most 107 bytes)"));
@@ -113,12 +119,7 @@ TEST_F(CtlTest, DirectoryTooDeepForTheSocketPathsExitsWithFour) {
 TEST_F(CtlTest, ServicePathTooLongForASocketAddressExitsWithFour) {
   StartSim();
   // A long path that still leads to the socket, through a link.
-  std::string deep = dir.path();
-  while (deep.size() < 110) {
-    deep += "/deeper";
-    ASSERT_EQ(::mkdir(deep.c_str(), 0755), 0);
-  }
-  const std::string link = deep + "/svc";
+  const std::string link = DeepDirectory(dir.path(), 110) + "/svc";
   ASSERT_EQ(::symlink(ServicePath().c_str(), link.c_str()), 0);
   const Result result = CtlBare({"-s", link, "-d", dir.path(), "ping"}, Options());
   EXPECT_EQ(result.exitCode, 4);

@@ -51,10 +51,15 @@ std::unique_ptr<PipeProcess> CtlTest::StartCtl(const std::vector<std::string>& a
 }
 
 PipeProcess::Options CtlTest::Options() const {
+  PipeProcess::Options options = UncapturedOptions();
+  const std::vector<std::string> capture = ::zel::test::SyslogCaptureEnv(SyslogFile());
+  options.env.insert(options.env.end(), capture.begin(), capture.end());
+  return options;
+}
+
+PipeProcess::Options CtlTest::UncapturedOptions() const {
   PipeProcess::Options options;
-  options.env = ::zel::test::SyslogCaptureEnv(SyslogFile());
-  options.env.push_back("KENDRIVEX_SERVICE=");
-  options.env.push_back("KENDRIVEX_DIR=");
+  options.env = {"KENDRIVEX_SERVICE=", "KENDRIVEX_DIR="};
   return options;
 }
 

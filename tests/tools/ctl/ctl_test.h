@@ -48,6 +48,8 @@ class CtlTest : public ::testing::Test {
   // Options for the program: its system log captured, no defaults from the
   // environment of the test run.
   PipeProcess::Options Options() const;
+  // The same without the system log capture.
+  PipeProcess::Options UncapturedOptions() const;
 
   // The client's socket files (and directory of them) in the test's
   // directory, which must be gone after each run.
