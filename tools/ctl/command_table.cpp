@@ -6,14 +6,11 @@ namespace zel::ctl {
 
 const std::vector<CommandSpec>& CommandTable::All() {
   static const std::vector<CommandSpec> kCommands = {
-      {CommandKind::Ping,     "ping",     "send_ping",         "",             "print the service's answer to a ping (PONG)",                    false, true },
-      {CommandKind::Stations, "stations", "atcmd_wlanapclist", "",             "print the connected stations, one a line",                       false,
-       true                                                                                                                                                  },
-      {CommandKind::Mac,      "mac",      "atcmd_wlanmac",     "",             "print the access point's MAC address",                           false, true },
-      {CommandKind::Send,     "send",     nullptr,             "N [FIELD...]",
-       "send command number N (1 to 5) with the fields; print the reply's code and fields",                                                      true,  true },
-      {CommandKind::Watch,    "watch",    nullptr,             "",             "register for events and print one line per event until stopped",
-       false,                                                                                                                                           false},
+      {CommandKind::Ping,     "ping",     "send_ping",         "",             "print the service's answer to a ping",     false, true },
+      {CommandKind::Stations, "stations", "atcmd_wlanapclist", "",             "print the connected stations",             false, true },
+      {CommandKind::Mac,      "mac",      "atcmd_wlanmac",     "",             "print the access point's MAC address",     false, true },
+      {CommandKind::Send,     "send",     nullptr,             "N [FIELD...]", "send command N (1 to 5), print its reply", true,  true },
+      {CommandKind::Watch,    "watch",    nullptr,             "",             "print one line per event until stopped",   false, false},
   };
   return kCommands;
 }
