@@ -12,6 +12,14 @@
 #include "tools/ctl/signal_block.h"
 #include "tools/ctl/signal_cleanup.h"
 
+// Why retired clients stay bound: the protocol has no request ids, so a reply
+// that comes after its request timed out is read as the reply to whatever
+// the same socket sends next. The next request therefore goes out on a new
+// client, and the old one keeps its path (swallowing the late reply unread),
+// because the library gives each new client the first free of this process's
+// ten slot paths and would otherwise hand the same path out again. When all
+// ten are taken, the supply moves on to a private directory below the given
+// one; the old directory is never used again, so its retired clients can go.
 namespace zel::ctl {
 namespace {
 

@@ -1,13 +1,6 @@
-// The request clients of a one-shot command or a batch. The protocol has no
-// request ids: a reply that comes after its request timed out is read as the
-// reply to whatever the same socket sends next. So after an unanswered
-// request the next one goes out on a client at a new path, and the old
-// client stays bound (its slot taken, its late reply swallowed unread) so
-// that the library, which gives each new client the first free of this
-// process's ten slot paths, cannot hand that path out again. When all ten
-// are taken, the supply moves to a private directory of its own below the
-// given one; the old directory is never used again, so its retired clients
-// can go. Clients have no event socket and never unregister. One thread.
+// The request clients of a one-shot command or a batch: the current one, and
+// the ones retired after an unanswered request, kept bound so that no late
+// reply reaches a later request. One thread; owns every client it made.
 #pragma once
 
 #include <memory>

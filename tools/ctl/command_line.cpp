@@ -7,6 +7,9 @@
 
 #include "tools/ctl/option_table.h"
 
+// Options come before the command; everything after a command that takes
+// arguments is its arguments, so that send's fields may begin with "-".
+// After one that takes none, options may follow too ("watch --json").
 namespace zel::ctl {
 namespace {
 

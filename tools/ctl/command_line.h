@@ -1,10 +1,6 @@
-// Reads kendrivex-ctl's command line: the options (from the option table,
-// with the environment's defaults), then the command and its arguments, or
-// "-" for commands from standard input. Options come before the command;
-// everything after a command that takes arguments is its arguments, so that
-// send's fields may begin with "-". After one that takes none, options may
-// follow too ("watch --json"). Used from main (getopt_long keeps global
-// state).
+// Reads kendrivex-ctl's command line: options (with the environment's
+// defaults), then the command and its arguments, or "-" for standard input.
+// Used from main only (getopt_long keeps global state).
 #pragma once
 
 #include <string>

@@ -5,6 +5,9 @@
 
 #include <cstdint>
 
+// When the queue is full the event thread waits, the event socket's own
+// queue fills and the service's further events are refused there, rather
+// than piling up in memory while a per-event program runs.
 namespace zel::ctl {
 
 EventQueue::EventQueue(size_t capacity) : mCapacity(capacity) { mFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC); }

@@ -1,12 +1,6 @@
-// Events on their way from the client library's event thread, which pushes
-// them as they arrive, to the watch's main loop, which prints them one at a
-// time and may wait for a program per event meanwhile. An eventfd wakes the
-// loop. The queue is bounded: when it is full the event thread waits, the
-// event socket's own queue fills, and the service's further events are
-// refused there rather than piling up here. Close releases a waiting pusher
-// and refuses everything until Reopen, so that an event thread can always
-// stop.
-// Push from any thread; Pop from one.
+// Events on their way from the client library's event thread to the watch's
+// main loop, with an eventfd that wakes the loop. Bounded: a full queue makes
+// the event thread wait (Close releases it). Push from any thread; Pop from one.
 #pragma once
 
 #include <time.h>

@@ -9,6 +9,10 @@
 #include "tools/ctl/signal_block.h"
 #include "tools/ctl/signal_channel.h"
 
+// The handler only calls unlink, rmdir, signal and raise, which are
+// async-signal-safe, on paths copied into fixed storage beforehand; entries
+// change only with the signals blocked, so it never sees one half-written.
+// The watch does not use this: it takes its signals through a descriptor.
 namespace zel::ctl {
 namespace {
 

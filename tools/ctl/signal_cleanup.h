@@ -1,10 +1,6 @@
-// Removes this process's socket files (and its own directory of them) when
-// SIGINT, SIGTERM or SIGHUP ends a one-shot command or a batch, then lets the
-// signal end the process as it would have. The handler only calls unlink,
-// rmdir, signal and raise, which are async-signal-safe, on paths copied into
-// fixed storage beforehand. Add and Remove run on the main thread with the
-// signals blocked, so the handler never sees a half-written entry. The
-// watch does not use this: it takes its signals through a descriptor.
+// Removes this process's socket files when SIGINT, SIGTERM or SIGHUP ends a
+// one-shot command or a batch, then lets the signal end the process. Paths
+// are registered on the main thread; the handler does async-signal-safe work.
 #pragma once
 
 #include <string>

@@ -8,6 +8,11 @@
 #include "tools/ctl/line_format.h"
 #include "tools/ctl/preflight.h"
 
+// Events arrive on the client library's event thread and reach the main loop
+// through the event queue; stop signals and the end of a per-event program
+// arrive through a signal descriptor. A restarted service is noticed by its
+// socket file (looked at every second, without sending it anything: a new
+// service binds a new socket) and registered with again on a fresh client.
 namespace zel::ctl {
 namespace {
 

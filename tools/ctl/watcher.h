@@ -1,13 +1,7 @@
-// The watch: registers an event socket with the service (the client library
-// retries a refused or unanswered registration) and prints one line per
-// event as it arrives, running --exec's program for each, in order, until a
-// stop signal, --count or a closed output ends it; then it unregisters and
-// removes its socket files. A restarted service is noticed by its socket
-// file (checked every second, without sending it anything) and registered
-// with again on a fresh client. Events arrive on the library's event thread
-// and reach the main thread through the event queue; signals and the end of
-// the per-event program arrive through a signal descriptor. Run on the main
-// thread before any other thread is started; owns its client and queue.
+// The watch: registers an event socket, prints one line per event (running
+// --exec's program for each, in order) until a stop signal, --count or a
+// closed output ends it, then unregisters. Runs on the main thread, before
+// any other thread starts; owns its client, queue and program.
 #pragma once
 
 #include <time.h>
