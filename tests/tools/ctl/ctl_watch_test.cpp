@@ -268,6 +268,34 @@ TEST_F(CtlWatchTest, RestartedSimulatorDeliversEventsAgainOncePerPush) {
   EXPECT_EQ(LeftOver(), std::vector<std::string>());
 }
 
+TEST_F(CtlWatchTest, ReaderThatGoesAwayEndsTheWatchCleanly) {
+  StartFake();
+  // As in "kendrivex-ctl watch | head -n 1", the program behind the test
+  // launcher (an emulator) when there is one; the capture library, built for
+  // the target, would not suit the shell.
+  PipeProcess::Options options = UncapturedOptions();
+  options.hostTool = true;
+  PipeProcess shell({"/bin/bash", "-c",
+                     "set -o pipefail; ${KDX_TEST_LAUNCHER} \"$0\" -s \"$1\" -d \"$2\" watch | head -n 1; "
+                     "echo \"status ${PIPESTATUS[0]}\"",
+                     KDX_CTL_PATH, ServicePath(), dir.path()},
+                    options);
+  ASSERT_TRUE(fake->WaitForRequestsFor(4, 1));
+  const std::string eventPath = Argument(fake->RequestsFor(4)[0].text);
+  ASSERT_TRUE(fake->SendTo(eventPath, "7\tfirst"));
+  ASSERT_TRUE(shell.WaitForOut("\t7\tfirst\n"));
+  // The next line finds the pipe closed; sent until the watch has noticed.
+  ASSERT_TRUE(::zel::test::WaitUntil([&] {
+    fake->SendTo(eventPath, "7\tlater");
+    return shell.Out().find("status ") != std::string::npos;
+  }));
+  const Result result = shell.Finish();
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_NE(result.out.find("status " + std::to_string(128 + SIGPIPE) + "\n"), std::string::npos) << result.out;
+  EXPECT_EQ(fake->RequestsFor(5).size(), 1u);
+  EXPECT_EQ(LeftOver(), std::vector<std::string>());
+}
+
 TEST_F(CtlWatchTest, UnreachableServiceEndsTheWatchWithThree) {
   const Result result = Ctl({"watch"});
   EXPECT_EQ(result.exitCode, 3);
