@@ -179,7 +179,8 @@ void IPCClient::MakeClientSocket() {
                                                       zel::util::SocketDomain::Unix, mServerPath);
 }
 
-bool IPCClient::DescriptorsFitSelect() const {
+bool IPCClient::DescriptorsFitSelect() {
+  zel::util::MutexGuard guard(mSendMutex);
   if (!mClient || !FitsSelect(mClient->GetFd())) return false;
   return !mEventServer || FitsSelect(mEventServer->GetFd());
 }
@@ -230,7 +231,7 @@ bool IPCClient::SendWhenWritable(const std::string& line, ssize_t& sent) {
 
 bool IPCClient::WaitUntilWritable() {
   const int fd = mClient->GetFd();
-  // A socket that could not be made fails in the send itself, as designed.
+  // A socket that could not be made fails in the send itself.
   if (fd < 0 || !mClient->IsConnected()) return true;
   const WaitDeadline deadline(mReplyTimeoutUs);
   while (true) {
@@ -313,7 +314,12 @@ std::string IPCClient::UnregistrationLine() const {
   return JoinFields({FormatCommand(UnregisterEventPath), mEventPath}, kFieldSeparator);
 }
 
-IPCResult IPCClient::SendRequest(const IPCRequest& request) { return SendFormatString(FormatRequest(request)); }
+IPCResult IPCClient::SendRequest(const IPCRequest& request) {
+  // Under the send mutex: the retry thread may make the client socket again
+  // while it registers, and the two must never use it at the same time.
+  zel::util::MutexGuard guard(mSendMutex);
+  return SendFormatString(FormatRequest(request));
+}
 
 bool IPCClient::EventServerCb(int sf, int cf, std::string path, void* data, size_t len) {
   // The text ends at its first zero byte; an event that filled the server's
@@ -358,15 +364,16 @@ void IPCClient::RetryThreadLoop() {
     return;
   }
   while (true) {
-    // A success ends the thread unless a reconnect on another thread has
-    // lost the registration since; the flag stays set, so the specified
-    // start never runs the retry a second time.
-    if (RegisterFromRetryThread().code == ResultSuccess) {
-      if (LeaveRetryLoopIfRegistered()) return;
-      continue;
-    }
+    const bool accepted = RegisterFromRetryThread().code == ResultSuccess;
+    // Ends once the live service has the event path, whoever registered it:
+    // this loop, or a reconnect on another thread during the pause. An
+    // acceptance that a reconnect has lost since is tried again at once. The
+    // flag stays set, so a later StartRetryThread never runs it again.
+    if (LeaveRetryLoopIfRegistered()) return;
+    if (accepted) continue;
     WaitBeforeRetry();
     if (!RetryShouldGoOn()) break;
+    if (LeaveRetryLoopIfRegistered()) return;
   }
   LeaveRetryLoop();
 }

@@ -60,8 +60,9 @@ class IPCClient {
   // lock: callers must not overlap with other requests.
   IPCResult SendFormatString(std::string line);
 
-  // Sends any command number with its arguments, bypassing the send mutex and
-  // the range check (the handle-based entry).
+  // Sends any command number with its arguments, without the range check (the
+  // handle-based entry). Takes the send mutex, so that it never overlaps with
+  // the retry thread, which may make the client socket again.
   IPCResult SendRequest(const IPCRequest& request);
 
   // The event server's data callback: parses the datagram as an event and
@@ -86,7 +87,7 @@ class IPCClient {
 
   // True when the client's sockets can be waited for by select, whose sets
   // end at FD_SETSIZE; a client whose descriptors lie beyond cannot work.
-  bool DescriptorsFitSelect() const;
+  bool DescriptorsFitSelect();
 
  private:
   // A result the client sets itself: the code and no arguments.

@@ -152,5 +152,18 @@ TEST_F(ClientHandleTest, HandlesMadeFromSeveralThreadsGetTheirOwnPaths) {
   for (int slot = 0; slot < 4; ++slot) EXPECT_TRUE(FileExists(SlotPath(mDir.path(), slot)));
 }
 
+TEST_F(ClientHandleTest, RequestsByHandleNeverOverlapWithTheRegistrationRetry) {
+  // Slow answers widen the window in which both want the socket.
+  mService.Script(zel::ipc::RegisterEventPath, Answer::Reply("0", milliseconds(100)));
+  mService.Script(zel::ipc::Ping, Answer::Reply("1\tPONG", milliseconds(20)));
+  IPCClient* handle = Create();
+  ASSERT_NE(handle, nullptr);
+  for (int i = 0; i < 10; ++i) EXPECT_STREQ(SendByHandle(handle, zel::ipc::Ping, 0, nullptr).args[0], "PONG");
+  ASSERT_TRUE(mService.WaitForRequestsFor(zel::ipc::RegisterEventPath, 2));
+  for (const auto& request : mService.Requests()) {
+    EXPECT_EQ(request.repliesOwed, 0u) << "overlapping request " << request.text;
+  }
+}
+
 }  // namespace
 }  // namespace zel::test

@@ -16,6 +16,7 @@
 #include "gtest/gtest.h"
 #include "ipc/ipc_client.h"
 #include "tests/ipc/client_test_env.h"
+#include "tests/support/wait_until.h"
 
 namespace zel::test {
 namespace {
@@ -190,6 +191,21 @@ TEST_F(ReconnectTest, RetryThreadThatHadEndedRunsAgainWhenARestartLosesTheRegist
   ASSERT_TRUE(mService->WaitForRequestsFor(zel::ipc::RegisterEventPath, 2));
   ASSERT_TRUE(mService->WaitForRepliesSent(3));
   EXPECT_THAT(RequestTexts(), ElementsAre(Registration(), "1", Registration()));
+}
+
+TEST_F(ReconnectTest, RetryThreadEndsWithoutSendingWhenAReconnectRegisteredDuringItsPause) {
+  StartService();
+  mService->Script(zel::ipc::RegisterEventPath, Answer::Reply("0"));
+  IPCClient client;
+  const size_t threads = ThreadCount();
+  ASSERT_TRUE(client.SetLocalPath(ServicePath(), mDir.path(), IgnoreEvents()));
+  // Refused at set-up and at once by the retry thread, which then pauses.
+  ASSERT_TRUE(mService->WaitForRepliesSent(2));
+  RestartService();
+  EXPECT_EQ(client.Send(zel::ipc::Ping).args, Fields{"PONG"});
+  // The retry thread ends after its pause; the event monitor's stays.
+  EXPECT_TRUE(WaitUntil([threads] { return ThreadCount() == threads + 1; }, seconds(15)));
+  EXPECT_THAT(RequestTexts(), ElementsAre(Registration(), "1"));
 }
 
 TEST_F(ReconnectTest, ServiceAbsentAtSetUpIsReachedOnceItServes) {
