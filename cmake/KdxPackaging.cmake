@@ -2,9 +2,9 @@
 # pages), and the Debian packages CPack makes from the installed tree.
 #
 # Packages, one set per target architecture:
-# - kendrivex-cli: both programs and their manual pages (the default install
-#   component). The programs carry the IPC code statically linked, so they
-#   need no library package.
+# - kendrivex-cli: the programs, their manual pages and the bash completion of
+#   kendrivex-ctl (the default install component). The programs carry the IPC
+#   code statically linked, so they need no library package.
 # - libkendrivex-ipc0: the client library, named after its SONAME as Debian
 #   does, so that a later incompatible version can be installed beside it.
 # - libkendrivex-ipc-dev: header, pkg-config file and the unversioned link,
@@ -27,6 +27,7 @@ function(kdx_man_page page section component)
   set(kdxManPages ${kdxManPages} ${copy}.gz PARENT_SCOPE)
 endfunction()
 kdx_man_page(kendrivex-cli.1 1 Unspecified)
+kdx_man_page(kendrivex-ctl.1 1 Unspecified)
 kdx_man_page(kendrivex-sim.1 1 Unspecified)
 kdx_man_page(kendrivex_ipc.3 3 ipc_dev)
 add_custom_target(kdx_man_pages ALL DEPENDS ${kdxManPages})
@@ -116,6 +117,10 @@ kendrivex-cli talks to the device-control service over its Unix-domain
 datagram socket: a prompt with line editing, history and completion of
 command names, from which the operator pings the service and queries the
 Wi-Fi access point's stations and MAC address.
+.
+kendrivex-ctl does the same from scripts: one command per run or one a line
+from standard input, plain or JSON output, exit statuses that say what
+happened, and a watch that prints the service's events as they arrive.
 .
 kendrivex-sim plays the service, so that the client (and programs built on
 the client library) can be tried and tested without the device.")

@@ -4,7 +4,10 @@
 # armhf, which adds the cross compiler and the emulator) or extra packages.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev)
+# nlohmann-json3-dev is header-only and serves the cross build too;
+# bash-completion loads the completion that the tests try.
+packages=(cmake ninja-build g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
+  bash-completion)
 for arg in "$@"; do
   case "$arg" in
     release|asan|tsan) ;;

@@ -25,7 +25,7 @@ scripts/deps.sh release armhf >&2
 cmake --preset release -B "$host" >/dev/null
 cmake --build "$host" --target kendrivex-cli kendrivex-sim >&2
 cmake --preset armhf -B "$arm" >/dev/null
-cmake --build "$arm" --target kendrivex-cli kendrivex-sim kendrivex_ipc >&2
+cmake --build "$arm" --target kendrivex-cli kendrivex-ctl kendrivex-sim kendrivex_ipc >&2
 
 tmp=$(mktemp -d "${TMPDIR:-/tmp}/kdx-footprint.XXXXXX")
 sim_pid=""
@@ -124,6 +124,7 @@ stripped_row() {
 echo "| armhf, stripped | bytes | text | data | bss |"
 echo "|---|---:|---:|---:|---:|"
 stripped_row "$arm/app/kendrivex-cli" kendrivex-cli
+stripped_row "$arm/tools/ctl/kendrivex-ctl" kendrivex-ctl
 stripped_row "$arm/tools/sim/kendrivex-sim" kendrivex-sim
 stripped_row "$(readlink -f "$arm/ipc/libkendrivex_ipc.so")" libkendrivex_ipc.so.0.1.0
 echo

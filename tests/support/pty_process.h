@@ -49,6 +49,9 @@ class PtyProcess {
 
   // Waits until the program reads keys, then sends all bytes in one write.
   bool Type(const std::string& keys, milliseconds timeout = std::chrono::seconds(10));
+  // Sends bytes at once, without waiting for a key read: for programs that
+  // read whole lines in canonical mode.
+  void Send(const std::string& bytes) { mPty.Write(bytes); }
   // True while the terminal has line editing off (the program reads a key).
   bool ReadsKeyNow() const { return mPty.ReadsKeyNow(); }
   // The terminal's settings before the program started, and now.

@@ -1,0 +1,89 @@
+// The bash completion of kendrivex-ctl, loaded into a real bash with Debian's
+// bash-completion as an interactive shell would load it, and asked for the
+// candidates at the end of a command line.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/tools/ctl/ctl_test.h"
+
+namespace zel::ctl::test {
+namespace {
+
+const char kBashCompletion[] = "/usr/share/bash-completion/bash_completion";
+
+class CtlCompletionTest : public CtlTest {
+ protected:
+  void SetUp() override {
+    // The completion runs the program named on the command line; behind the
+    // test launcher (an emulator) when there is one.
+    program = dir.File("kendrivex-ctl");
+    std::ofstream(program) << "#!/bin/sh\nexec ${KDX_TEST_LAUNCHER} " << KDX_CTL_PATH << " \"$@\"\n";
+    ASSERT_EQ(::chmod(program.c_str(), 0755), 0);
+  }
+
+  // The candidates for the end of `line` (whose first word is the program),
+  // sorted.
+  std::vector<std::string> Complete(const std::string& line) {
+    const std::string script = std::string("source ") + kBashCompletion + "\nsource " + KDX_CTL_COMPLETION +
+                               "\n"
+                               "COMP_LINE=\"$1\"; COMP_POINT=${#COMP_LINE}\n"
+                               "read -ra COMP_WORDS <<<\"$COMP_LINE\"\n"
+                               "[[ $COMP_LINE == *' ' ]] && COMP_WORDS+=('')\n"
+                               "COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
+                               "_kendrivex_ctl\n"
+                               "printf '%s\\n' \"${COMPREPLY[@]}\"\n";
+    PipeProcess::Options options;
+    options.hostTool = true;
+    const Result result = PipeProcess::Run({"/bin/bash", "-c", script, "bash", program + " " + line}, "", options);
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    std::vector<std::string> words;
+    std::istringstream in(result.out);
+    for (std::string word; std::getline(in, word);) {
+      if (!word.empty()) words.push_back(word);
+    }
+    std::sort(words.begin(), words.end());
+    return words;
+  }
+
+  std::string program;
+};
+
+TEST_F(CtlCompletionTest, CompletesEveryCommandAndAlias) {
+  EXPECT_EQ(Complete(""), std::vector<std::string>({"-", "atcmd_wlanapclist", "atcmd_wlanmac", "mac", "ping", "send",
+                                                    "send_ping", "stations", "watch"}));
+}
+
+TEST_F(CtlCompletionTest, CompletesABeginningOfACommand) {
+  EXPECT_EQ(Complete("st"), std::vector<std::string>({"stations"}));
+}
+
+TEST_F(CtlCompletionTest, CompletesTheLongOptions) {
+  EXPECT_EQ(Complete("--"), std::vector<std::string>({"--count", "--dir", "--exec", "--help", "--json", "--service",
+                                                      "--timeout", "--verbose", "--version"}));
+}
+
+TEST_F(CtlCompletionTest, CompletesTheCommandAfterOptionsAndTheirValues) {
+  EXPECT_EQ(Complete("-t 100 -j w"), std::vector<std::string>({"watch"}));
+}
+
+TEST_F(CtlCompletionTest, CompletesTheCommandNumberOfSend) {
+  EXPECT_EQ(Complete("send "), std::vector<std::string>({"1", "2", "3", "4", "5"}));
+}
+
+TEST_F(CtlCompletionTest, CompletesNothingAfterACommandWithoutArguments) {
+  EXPECT_EQ(Complete("ping "), std::vector<std::string>());
+}
+
+TEST_F(CtlCompletionTest, CompletesDirectoriesForTheDirectoryOption) {
+  ASSERT_EQ(::mkdir(dir.File("sockets").c_str(), 0755), 0);
+  std::ofstream(dir.File("socketfile")) << "x";
+  EXPECT_EQ(Complete("-d " + dir.File("sock")), std::vector<std::string>({dir.File("sockets")}));
+}
+
+}  // namespace
+}  // namespace zel::ctl::test

@@ -1,0 +1,59 @@
+#include "tools/ctl/line_format.h"
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+namespace zel::ctl {
+namespace {
+
+// Keys stay in the order they are written, as the documented examples show.
+using Json = nlohmann::ordered_json;
+
+constexpr long kNanosecondsPerMillisecond = 1000000;
+
+std::string Dump(const Json& object) { return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n"; }
+
+std::string TabSeparated(const std::string& first, const std::vector<std::string>& rest) {
+  std::string line = first;
+  for (const std::string& field : rest) line += "\t" + field;
+  return line + "\n";
+}
+
+}  // namespace
+
+std::string LineFormat::JsonReply(const std::string& command, const zel::ipc::IPCResult& result) {
+  Json object;
+  object["command"] = command;
+  object["code"] = result.code;
+  object["args"] = result.args;
+  return Dump(object);
+}
+
+std::string LineFormat::JsonEvent(const std::string& time, const zel::ipc::IPCEvent& event) {
+  Json object;
+  object["time"] = time;
+  object["id"] = event.id;
+  object["args"] = event.args;
+  return Dump(object);
+}
+
+std::string LineFormat::PlainReply(const zel::ipc::IPCResult& result) {
+  return TabSeparated(std::to_string(result.code), result.args);
+}
+
+std::string LineFormat::PlainEvent(const std::string& time, const zel::ipc::IPCEvent& event) {
+  return TabSeparated(time + "\t" + std::to_string(event.id), event.args);
+}
+
+std::string LineFormat::UtcTime(const timespec& moment) {
+  tm parts{};
+  const time_t seconds = moment.tv_sec;
+  gmtime_r(&seconds, &parts);
+  char text[64];
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", parts.tm_year + 1900, parts.tm_mon + 1,
+                parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, moment.tv_nsec / kNanosecondsPerMillisecond);
+  return text;
+}
+
+}  // namespace zel::ctl
