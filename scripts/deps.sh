@@ -4,7 +4,9 @@
 # armhf, which adds the cross compiler and the emulator) or extra packages.
 set -euo pipefail
 
-packages=(cmake ninja-build g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev)
+# libclang-rt-14-dev carries the input splitter that the fuzz targets use; the
+# test run replays them in every build.
+packages=(cmake ninja-build g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev libclang-rt-14-dev)
 for arg in "$@"; do
   case "$arg" in
     release|asan|tsan) ;;
