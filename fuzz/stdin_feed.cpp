@@ -18,11 +18,14 @@ namespace {
 
 }  // namespace
 
-StdinFeed::StdinFeed(const uint8_t* data, size_t size) : mSize(std::min(size, kCapacity)) {
+StdinFeed::StdinFeed(const uint8_t* data, size_t size) {
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC) != 0) Fail("pipe2");
-  // The whole input must fit, so that writing it cannot block.
-  if (::fcntl(fds[1], F_SETPIPE_SZ, static_cast<int>(kCapacity)) < 0) Fail("F_SETPIPE_SZ");
+  // The whole input must fit, so that writing it cannot block. Where the
+  // pipe cannot be resized (an emulator may not pass the call on), one page
+  // is what every pipe holds.
+  const int capacity = ::fcntl(fds[1], F_SETPIPE_SZ, static_cast<int>(kCapacity));
+  mSize = std::min(size, capacity > 0 ? static_cast<size_t>(capacity) : kMinCapacity);
   size_t written = 0;
   while (written < mSize) {
     const ssize_t n = ::write(fds[1], data + written, mSize - written);

@@ -13,6 +13,8 @@ class StdinFeed {
  public:
   // The most input one feed takes; longer inputs are cut to it.
   static constexpr size_t kCapacity = 65536;
+  // What a pipe holds at the least, should it not take kCapacity.
+  static constexpr size_t kMinCapacity = 4096;
 
   StdinFeed(const uint8_t* data, size_t size);
   ~StdinFeed();
