@@ -12,9 +12,10 @@
 
 # Manual pages, installed gzip-compressed as Debian expects (man reads them
 # either way). -n leaves name and time out, so that packages are reproducible.
+# The programs' pages go with the programs; the library's with its header.
 find_program(KDX_GZIP gzip REQUIRED)
 set(kdxManPages)
-foreach(page kendrivex-cli.1 kendrivex-sim.1)
+function(kdx_man_page page section component)
   set(copy ${PROJECT_BINARY_DIR}/man/${page})
   configure_file(${PROJECT_SOURCE_DIR}/man/${page} ${copy} COPYONLY)
   add_custom_command(OUTPUT ${copy}.gz
@@ -22,10 +23,13 @@ foreach(page kendrivex-cli.1 kendrivex-sim.1)
     DEPENDS ${copy}
     COMMENT "Compressing the manual page ${page}"
     VERBATIM)
-  list(APPEND kdxManPages ${copy}.gz)
-endforeach()
+  install(FILES ${copy}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
+  set(kdxManPages ${kdxManPages} ${copy}.gz PARENT_SCOPE)
+endfunction()
+kdx_man_page(kendrivex-cli.1 1 Unspecified)
+kdx_man_page(kendrivex-sim.1 1 Unspecified)
+kdx_man_page(kendrivex_ipc.3 3 ipc_dev)
 add_custom_target(kdx_man_pages ALL DEPENDS ${kdxManPages})
-install(FILES ${kdxManPages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 
 # The Debian name of the target architecture, from the compiler's multiarch
 # triplet, so that a cross build is not labelled with the build machine's.

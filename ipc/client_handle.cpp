@@ -1,5 +1,10 @@
 #include "ipc/client_handle.h"
 
+#include <sys/eventfd.h>
+#include <sys/select.h>
+#include <syslog.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <memory>
@@ -11,6 +16,13 @@ std::mutex gClientRegistryMutex;
 
 namespace {
 
+constexpr char kCreateClientHandleText[] =
+    "zel::ipc::IPCClient* zel::ipc::CreateClientHandle(const char*, const char*, uint32_t)";
+
+// The descriptors a new client takes: its socket, its event socket and the
+// event socket's monitor eventfd.
+constexpr int kDescriptorsPerClient = 3;
+
 // Serialises the set-up of new clients: a client picks the first socket path
 // that nothing occupies yet, so two set-ups in one directory at the same time
 // could pick the same one.
@@ -19,6 +31,27 @@ std::mutex gCreateMutex;
 bool IsRegistered(IPCClient* handle) {
   std::lock_guard<std::mutex> lock(gClientRegistryMutex);
   return gClientRegistry.count(handle) != 0;
+}
+
+// Whether the next descriptors the process would be given lie below
+// FD_SETSIZE: the kernel hands out the lowest free numbers, so borrowing as
+// many as a client takes shows the numbers it would get.
+bool NextDescriptorsFitSelect() {
+  int borrowed[kDescriptorsPerClient];
+  bool fit = true;
+  for (int& fd : borrowed) {
+    fd = eventfd(0, EFD_CLOEXEC);
+    if (fd < 0 || fd >= FD_SETSIZE) fit = false;
+  }
+  for (int fd : borrowed) {
+    if (fd >= 0) close(fd);
+  }
+  return fit;
+}
+
+void LogBeyondSelect() {
+  syslog(LOG_ERR, "%s %d: a new client's descriptors would not fit select (FD_SETSIZE [%d]), no handle made\n",
+         kCreateClientHandleText, 64, FD_SETSIZE);
 }
 
 IPCRequest BuildRequest(uint32_t cmd, int argc, char** argv) {
@@ -45,14 +78,35 @@ void CopyResult(const IPCResult& reply, ClientHandleResult& result) {
 
 IPCClient* CreateClientHandle(const char* server_path, const char* client_prefix, uint32_t user_value) {
   if (server_path == nullptr || client_prefix == nullptr) return nullptr;
+  std::unique_lock<std::mutex> create(gCreateMutex);
+  // A client that select cannot wait for would never see a reply, while its
+  // retry thread went on sending registrations.
+  if (!NextDescriptorsFitSelect()) {
+    LogBeyondSelect();
+    return nullptr;
+  }
   auto client = std::make_unique<IPCClient>();
-  {
-    std::lock_guard<std::mutex> create(gCreateMutex);
-    if (!client->SetLocalPath(server_path, client_prefix, [](IPCEvent&) {})) return nullptr;
+  if (!client->SetLocalPath(server_path, client_prefix, [](IPCEvent&) {})) return nullptr;
+  create.unlock();
+  // Another thread may have taken the numbers in between.
+  if (!client->DescriptorsFitSelect()) {
+    LogBeyondSelect();
+    return nullptr;
   }
   std::lock_guard<std::mutex> lock(gClientRegistryMutex);
   gClientRegistry[client.get()] = user_value;
   return client.release();
+}
+
+bool DestroyClientHandle(IPCClient* handle) {
+  {
+    std::lock_guard<std::mutex> lock(gClientRegistryMutex);
+    if (gClientRegistry.erase(handle) == 0) return false;
+  }
+  // Destroyed outside the lock: the unregistration may wait out a reply
+  // time-out.
+  std::unique_ptr<IPCClient> owned(handle);
+  return true;
 }
 
 ClientHandleResult SendByHandle(IPCClient* handle, uint32_t cmd, int argc, char** argv) {

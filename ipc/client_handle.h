@@ -2,7 +2,8 @@
 // pointers: a client is created and set up in one call and remembered in a
 // process-wide registry with a user value; requests go through the registry.
 // The registry is guarded by its own mutex; a handle's requests must not
-// overlap. Clients made here live until the process ends.
+// overlap. The registry owns its clients until DestroyClientHandle; those
+// left are never destroyed.
 #pragma once
 
 #include <cstdint>
@@ -25,15 +26,22 @@ struct ClientHandleResult {
   int32_t count;
 };
 
-// Every client made by CreateClientHandle, with its user value. No function
-// removes an entry. Guarded by gClientRegistryMutex.
+// Every live client made by CreateClientHandle, with its user value.
+// Guarded by gClientRegistryMutex.
 extern std::map<IPCClient*, uint32_t> gClientRegistry;
 extern std::mutex gClientRegistryMutex;
 
 // A new client set up with a callback that ignores events (so its event socket
-// is made and registered); null when the set-up fails. Set-ups from several
-// threads run one after the other.
+// is made and registered); null when the set-up fails, or when its
+// descriptors would not all lie below FD_SETSIZE (1024), where select cannot
+// wait for them. Set-ups from several threads run one after the other.
 IPCClient* CreateClientHandle(const char* server_path, const char* client_prefix, uint32_t user_value);
+
+// Unregisters the client's event path, stops its threads, closes its
+// descriptors, removes both socket files and forgets the handle; false (and
+// nothing done) for a handle that is not registered, such as one destroyed
+// already. No other thread may use the handle meanwhile.
+bool DestroyClientHandle(IPCClient* handle);
 
 // Sends `cmd` with the first `argc` strings of `argv` (fewer if a null entry
 // comes first) through a registered client, with no range check. An unknown

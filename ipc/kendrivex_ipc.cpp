@@ -36,3 +36,8 @@ extern "C" kdx_ipc_result kdx_ipc_send(kdx_ipc_client* handle, uint32_t cmd, int
   std::memcpy(&out, &result, sizeof out);
   return out;
 }
+
+extern "C" int kdx_ipc_destroy_client(kdx_ipc_client* handle) {
+  return zel::ipc::DestroyClientHandle(reinterpret_cast<zel::ipc::IPCClient*>(handle)) ? KDX_IPC_OK
+                                                                                       : KDX_IPC_ERROR_UNKNOWN_HANDLE;
+}

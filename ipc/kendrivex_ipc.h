@@ -1,9 +1,19 @@
 /*
  * C interface to the device-control service's client, for programs written in
- * C. A handle is an opaque client made and set up by kdx_ipc_create_client;
- * it stays valid until the process ends (there is no call that destroys it).
- * Requests on one handle must not overlap: use a handle from one thread at a
- * time. Creating handles is safe from several threads.
+ * C. A handle is an opaque client made and set up by kdx_ipc_create_client
+ * and valid until kdx_ipc_destroy_client. Requests on one handle must not
+ * overlap: use a handle from one thread at a time. Creating and destroying
+ * different handles is safe from several threads.
+ *
+ * Each handle holds 3 descriptors (its socket, its event socket and the event
+ * socket's wake-up eventfd) and one thread. The client waits for replies with
+ * select, which cannot wait for descriptors at or above FD_SETSIZE (1024): a
+ * process that already has most of its first 1024 descriptors in use cannot
+ * make more handles (about 340 in a process that opens nothing else).
+ *
+ * When the service is restarted, the next request on a handle finds it
+ * again: the handle's socket is made anew, its event socket registered with
+ * the new service, and the request sent once more.
  */
 #ifndef KENDRIVEX_IPC_H
 #define KENDRIVEX_IPC_H
@@ -34,6 +44,10 @@ extern "C" {
 #define KDX_IPC_RESULT_NOT_CONNECTED 4
 #define KDX_IPC_RESULT_IO_FAILURE 5
 
+/* Results of kdx_ipc_destroy_client. */
+#define KDX_IPC_OK 0
+#define KDX_IPC_ERROR_UNKNOWN_HANDLE (-1)
+
 #define KDX_IPC_RESULT_SLOTS 12
 #define KDX_IPC_RESULT_SLOT_SIZE 256
 
@@ -53,9 +67,10 @@ typedef struct kdx_ipc_result {
  * Makes a client whose sockets live in the directory client_prefix, beside the
  * service's socket at server_path, and registers its event socket with the
  * service (events are ignored). user_value is remembered with the handle.
- * Returns NULL when the service's socket or the directory does not exist, or
- * when no socket path is free. May take up to 5 seconds when the service does
- * not answer the registration.
+ * Returns NULL when the service's socket or the directory does not exist, when
+ * no socket path is free, or when the new handle's descriptors would not lie
+ * below FD_SETSIZE (logged at LOG_ERR). May take up to 5 seconds when the
+ * service does not answer the registration.
  */
 KDX_IPC_API kdx_ipc_client* kdx_ipc_create_client(const char* server_path, const char* client_prefix,
                                                   uint32_t user_value);
@@ -67,6 +82,17 @@ KDX_IPC_API kdx_ipc_client* kdx_ipc_create_client(const char* server_path, const
  * handle that kdx_ipc_create_client did not return.
  */
 KDX_IPC_API kdx_ipc_result kdx_ipc_send(kdx_ipc_client* handle, uint32_t cmd, int argc, char** argv);
+
+/*
+ * Unregisters the handle's event socket with the service, stops its thread,
+ * closes its descriptors, removes both of its socket files and forgets the
+ * handle. Returns KDX_IPC_OK, or KDX_IPC_ERROR_UNKNOWN_HANDLE (doing nothing)
+ * for NULL, a handle that kdx_ipc_create_client did not return, or one that
+ * is destroyed already. May take up to 5 seconds when the service does not
+ * answer the unregistration. No other thread may use the handle meanwhile,
+ * and the handle must not be used afterwards.
+ */
+KDX_IPC_API int kdx_ipc_destroy_client(kdx_ipc_client* handle);
 
 #ifdef __cplusplus
 }

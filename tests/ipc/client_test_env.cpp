@@ -1,12 +1,14 @@
 #include "tests/ipc/client_test_env.h"
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 
 #include "tests/support/syslog_capture.h"
+#include "tests/support/wait_until.h"
 
 namespace zel::test {
 
@@ -58,14 +60,22 @@ zel::ipc::IPCClient::EventCb IgnoreEvents() {
   return [](zel::ipc::IPCEvent&) {};
 }
 
-size_t ThreadCount() {
+namespace {
+
+size_t EntryCount(const char* dir) {
   size_t count = 0;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
     (void)entry;
     ++count;
   }
   return count;
 }
+
+}  // namespace
+
+size_t ThreadCount() { return EntryCount("/proc/self/task"); }
+
+size_t DescriptorCount() { return EntryCount("/proc/self/fd"); }
 
 bool FileExists(const std::string& path) {
   struct stat info;
@@ -87,6 +97,19 @@ std::vector<LogRecord> RecordsStartingWith(const std::string& prefix) {
     if (r.text.compare(0, prefix.size(), prefix) == 0) matching.push_back(r);
   }
   return matching;
+}
+
+pid_t CurrentTid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+bool WaitUntilWaitingInSelect(pid_t tid) {
+  // poll and select both sleep in the kernel's poll_schedule_timeout (an
+  // emulated program's calls are made by the emulator's same thread).
+  const std::string wchan = "/proc/self/task/" + std::to_string(tid) + "/wchan";
+  return WaitUntil([&wchan] {
+    std::string where;
+    std::ifstream(wchan) >> where;
+    return where.compare(0, 21, "poll_schedule_timeout") == 0;
+  });
 }
 
 double SecondsBetween(std::chrono::steady_clock::time_point from, std::chrono::steady_clock::time_point to) {

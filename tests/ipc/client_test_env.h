@@ -4,6 +4,8 @@
 // thread count, log records). One test thread drives each object.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -24,11 +26,13 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 class ClientTest : public ::testing::Test {
+ public:
+  // The path the client takes in `dir` for `slot`, as this process.
+  static std::string SlotPath(const std::string& dir, int slot);
+
  protected:
   ClientTest();
 
-  // The path the client takes in `dir` for `slot`, as this process.
-  static std::string SlotPath(const std::string& dir, int slot);
   // The texts of every request the fake service received, in order.
   std::vector<std::string> RequestTexts() const;
 
@@ -56,6 +60,8 @@ class EventSink {
 zel::ipc::IPCClient::EventCb IgnoreEvents();
 // Threads of this process right now.
 size_t ThreadCount();
+// Open descriptors of this process right now.
+size_t DescriptorCount();
 bool FileExists(const std::string& path);
 // Creates an empty regular file.
 void Touch(const std::string& path);
@@ -63,6 +69,11 @@ void Touch(const std::string& path);
 bool HasRecord(const LogRecord& record);
 // Log records whose text starts with `prefix`.
 std::vector<LogRecord> RecordsStartingWith(const std::string& prefix);
+// The calling thread's kernel id.
+pid_t CurrentTid();
+// Waits until thread `tid` of this process sleeps in poll or select (a key
+// read, a reply wait), so that a signal sent now cuts that wait short.
+bool WaitUntilWaitingInSelect(pid_t tid);
 // Seconds between two points in time.
 double SecondsBetween(std::chrono::steady_clock::time_point from, std::chrono::steady_clock::time_point to);
 

@@ -1,6 +1,7 @@
 /*
  * A plain C program that uses the client library through its C interface:
- * it pings the service once and prints the reply.
+ * it pings the service once, prints the reply and destroys its handle (which
+ * unregisters it and removes its socket files).
  * Usage: ipc_c_example <server_path> <client_dir>
  * Exit status 0 when the service answered with success, 1 otherwise.
  */
@@ -24,5 +25,6 @@ int main(int argc, char** argv) {
   result = kdx_ipc_send(client, KDX_IPC_PING, 0, NULL);
   printf("code [%d] count [%d]\n", (int)result.code, (int)result.count);
   for (i = 0; i < result.count; ++i) printf("arg %d [%s]\n", i, result.args[i]);
+  if (kdx_ipc_destroy_client(client) != KDX_IPC_OK) return 1;
   return result.code == KDX_IPC_RESULT_SUCCESS ? 0 : 1;
 }

@@ -1,6 +1,6 @@
 #include "tools/sim/event_paths.h"
 
-#include <poll.h>
+#include "tools/sim/datagram_out.h"
 
 namespace zel::sim {
 
@@ -47,15 +47,15 @@ std::vector<EventPaths::Report> EventPaths::SendToAll(const std::string& line) {
 }
 
 EventPaths::Delivery EventPaths::SendWithoutBlocking(SocketClient& sender, const std::string& line) {
-  // A connected datagram socket is writable only while the receiver's queue
-  // has room, so the send below cannot block.
-  // An error or hang-up is reported at once by the send itself.
-  pollfd ready = {sender.GetFd(), POLLOUT, 0};
-  if (::poll(&ready, 1, 0) != 1 || (ready.revents & (POLLOUT | POLLERR | POLLHUP)) == 0) {
-    return Delivery::QueueFull;
+  switch (DatagramOut::Send(sender.GetFd(), line)) {
+    case DatagramOut::Outcome::Sent:
+      return Delivery::Sent;
+    case DatagramOut::Outcome::NoRoom:
+      return Delivery::QueueFull;
+    case DatagramOut::Outcome::Failed:
+      break;
   }
-  const ssize_t sent = sender.Send(line);
-  return sent == static_cast<ssize_t>(line.size()) ? Delivery::Sent : Delivery::Gone;
+  return Delivery::Gone;
 }
 
 }  // namespace zel::sim

@@ -2,24 +2,14 @@
 
 #include <chrono>
 
+#include "tools/sim/datagram_out.h"
+
 namespace zel::sim {
 namespace {
 
-using zel::util::Socket;
 using zel::util::SocketDomain;
 using zel::util::SocketServer;
 using zel::util::SocketType;
-
-// Replies leave from the service's own socket, whose descriptor the server
-// hands to every callback: a client's socket is connected to the service's
-// path and takes datagrams from there only. Borrowing the descriptor (the
-// wrapper neither closes nor unlinks anything) also keeps the reply path
-// independent of the server object, which may still be under construction
-// when the first request arrives.
-bool SendFrom(int serverFd, const std::string& dest, const std::string& text) {
-  Socket replier(serverFd, SocketType::Datagram, SocketDomain::Unix);
-  return replier.SendTo(dest, text) == static_cast<ssize_t>(text.size());
-}
 
 }  // namespace
 
@@ -69,8 +59,24 @@ std::string SimService::Outcome(const std::string& peer, const RequestHandler::A
 }
 
 void SimService::Send(int serverFd, const std::string& dest, const std::string& text, const char* kind) {
-  if (!SendFrom(serverFd, dest, text)) {
-    mLog.Line(std::string(kind) + "reply [" + SimLog::Shown(text) + "] to [" + dest + "] could not be sent");
+  // Replies leave from the service's own socket, whose descriptor the server
+  // hands to every callback: a client's socket is connected to the service's
+  // path and takes datagrams from there only. Using the descriptor directly
+  // also keeps the reply path independent of the server object, which may
+  // still be under construction when the first request arrives.
+  const std::string reply = std::string(kind) + "reply [" + SimLog::Shown(text) + "] to [" + dest + "]";
+  switch (DatagramOut::SendTo(serverFd, dest, text)) {
+    case DatagramOut::Outcome::Sent:
+      return;
+    case DatagramOut::Outcome::NoRoom:
+      // A client reads its replies from the service's own socket, so what
+      // clients leave unread fills that socket's buffer, shared by all.
+      mLog.Line(reply + ": not sent, no room for it (replies not yet read hold [" +
+                std::to_string(DatagramOut::Unread(serverFd)) + "] bytes)");
+      return;
+    case DatagramOut::Outcome::Failed:
+      mLog.Line(reply + " could not be sent");
+      return;
   }
 }
 

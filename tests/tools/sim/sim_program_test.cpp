@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -153,6 +154,41 @@ TEST_F(SimProgramTest, ItAnswersEveryRequestOfTheClientProtocol) {
     EXPECT_EQ(requests[i].text, exchanges[i].first);
     EXPECT_EQ(requests[i].from, dir.File("c"));
   }
+}
+
+TEST_F(SimProgramTest, ClientThatDoesNotReadNeverHoldsTheServiceUp) {
+  SimProcess sim(kSim, dir.File("svc"), dir.File("log"), dir.File("syslog"), {"--event-interval", "10"});
+  ASSERT_TRUE(sim.WaitUntilServing());
+  // A client that registers its event socket and then reads neither its
+  // replies nor its events.
+  TestPeer stuckEvents(dir.File("s-event"), "");
+  auto stuck = std::make_unique<TestPeer>(dir.File("s"), dir.File("svc"));
+  ASSERT_TRUE(stuck->Send("4\t" + dir.File("s-event")));
+  const std::string lostReply = "reply [1\\tPONG] to [" + dir.File("s") + "]: not sent, no room for it";
+  const std::string lostEvent = "event [100\\theartbeat] to [" + dir.File("s-event") + "]: not sent, its queue is full";
+  auto lost = [](const std::vector<std::string>& lines, const std::string& start) {
+    for (const std::string& line : lines) {
+      if (line.compare(0, start.size(), start) == 0) return true;
+    }
+    return false;
+  };
+  for (int i = 0; i < 2000 && !lost(sim.LogLines(), lostReply); ++i) ASSERT_TRUE(stuck->Send("1"));
+  EXPECT_TRUE(SimProcess::WaitForLines(dir.File("log"), [&](const std::vector<std::string>& lines) {
+    return lost(lines, lostReply) && lost(lines, lostEvent);
+  }));
+  // Another client is still served: its request is taken and logged at once,
+  // and its reply comes once the stuck client's unread replies are gone.
+  TestPeer other(dir.File("o"), dir.File("svc"));
+  ASSERT_TRUE(other.Send("3"));
+  EXPECT_TRUE(sim.WaitForLine("request [3] from [" + dir.File("o") + "]: reply [1\\t02:1a:7d:4c:88:e1]"));
+  stuck.reset();
+  while (other.Waiting().has_value()) {
+  }
+  ASSERT_TRUE(other.Send("1"));
+  EXPECT_EQ(other.Receive(), "1\tPONG");
+  const std::optional<int> status = sim.Stop();
+  ASSERT_TRUE(status.has_value());
+  EXPECT_EQ(PtyProcess::ExitCode(*status), 0);
 }
 
 }  // namespace

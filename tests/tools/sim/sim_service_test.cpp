@@ -128,6 +128,42 @@ TEST_F(SimServiceTest, ReplyThatCannotBeSentIsReported) {
                                       "reply [1\\tPONG] to [" + dir.File("gone") + "] could not be sent"}));
 }
 
+TEST_F(SimServiceTest, UnreadRepliesOfOneClientDoNotKeepAnotherWaiting) {
+  Start();
+  // More than a receiver's queue holds from a socket it is not connected to.
+  auto stuck = Client("stuck");
+  for (int i = 0; i < 50; ++i) ASSERT_TRUE(stuck->Send("1"));
+  EXPECT_TRUE(WaitForLogLine("request [1] from [" + dir.File("stuck") + "]: reply [1\\tPONG]"));
+  auto other = Client("other");
+  ASSERT_TRUE(other->Send("1"));
+  EXPECT_EQ(other->Receive(), "1\tPONG");
+}
+
+TEST_F(SimServiceTest, ReplyWithoutRoomIsLostAndReportedAndTheServiceGoesOn) {
+  Start();
+  auto stuck = Client("stuck");
+  const std::string lost = "reply [1\\tPONG] to [" + dir.File("stuck") + "]: not sent, no room for it";
+  auto noRoom = [&lost](const std::vector<std::string>& lines) {
+    for (const std::string& line : lines) {
+      if (line.compare(0, lost.size(), lost) == 0) return true;
+    }
+    return false;
+  };
+  // Requests whose replies are never read, until their replies fill the
+  // service's buffer: before, the service then waited in its send for ever.
+  for (int i = 0; i < 2000 && !noRoom(SimProcess::ReadLines(dir.File("log"))); ++i) ASSERT_TRUE(stuck->Send("1"));
+  ASSERT_TRUE(SimProcess::WaitForLines(dir.File("log"), noRoom));
+  auto other = Client("other");
+  ASSERT_TRUE(other->Send("3"));
+  EXPECT_TRUE(WaitForLogLine("request [3] from [" + dir.File("other") + "]: reply [1\\t02:1a:7d:4c:88:e1]"));
+  // Once the stuck client's socket is gone, its replies give their room back.
+  stuck.reset();
+  while (other->Waiting().has_value()) {
+  }
+  ASSERT_TRUE(other->Send("1"));
+  EXPECT_EQ(other->Receive(), "1\tPONG");
+}
+
 TEST_F(SimServiceTest, RegisteredClientReceivesEvents) {
   options.eventIntervalMs = 10;
   Start();
