@@ -100,7 +100,7 @@ void SoakClient(const AnsweringService& service, long requests, long events) {
   Report("C++ client destroyed:", ProcessFootprint::Now());
 }
 
-// Requests through the C binding. A handle lives until the process ends.
+// Requests through the C binding, from making its client to destroying it.
 void SoakBinding(const AnsweringService& service, long requests) {
   kdx_ipc_client* handle = kdx_ipc_create_client(service.path().c_str(), service.dir().c_str(), 0u);
   if (handle == nullptr) Fail("the C binding's client could not be made");
@@ -114,6 +114,8 @@ void SoakBinding(const AnsweringService& service, long requests) {
   const double seconds = SecondsSince(start);
   std::printf("C binding: %ld requests in %.2f s: %.0f requests/s\n", requests, seconds, requests / seconds);
   Report("C binding after its soak:", ProcessFootprint::Now());
+  if (kdx_ipc_destroy_client(handle) != KDX_IPC_OK) Fail("the C binding's client could not be destroyed");
+  Report("C binding's client destroyed:", ProcessFootprint::Now());
 }
 
 long Argument(int argc, char** argv, int index, long fallback) {
@@ -132,6 +134,6 @@ int main(int argc, char** argv) {
     SoakClient(service, requests, events);
     SoakBinding(service, requests);
   }
-  Report("end (service gone, handle kept):", ProcessFootprint::Now());
+  Report("end (service socket gone):", ProcessFootprint::Now());
   return 0;
 }

@@ -88,17 +88,16 @@ TEST_F(ClientSoakTest, RequestsAndEventsThroughAClientLeaveNoDescriptorThreadOrS
   EXPECT_TRUE(ComesBackTo(before, after)) << "before: " << Describe(before) << "\nafter: " << Describe(after);
 }
 
-// Handles live until the process ends, so the footprint is taken once the
-// handle is made: using it must not make anything grow.
 TEST_F(ClientSoakTest, RequestsThroughAHandleLeaveNoDescriptorThreadOrSocketFileBehind) {
+  const Footprint before = Now();
   IPCClient* handle = zel::ipc::CreateClientHandle(mService.path().c_str(), mDir.path().c_str(), 7u);
   ASSERT_NE(handle, nullptr);
-  const Footprint before = Now();
   int succeeded = 0;
   for (int i = 0; i < kRequests; ++i) {
     succeeded += zel::ipc::SendByHandle(handle, zel::ipc::Ping, 0, nullptr).code == zel::ipc::ResultSuccess;
   }
   EXPECT_EQ(succeeded, kRequests);
+  EXPECT_TRUE(zel::ipc::DestroyClientHandle(handle));
   Footprint after;
   EXPECT_TRUE(ComesBackTo(before, after)) << "before: " << Describe(before) << "\nafter: " << Describe(after);
 }
