@@ -5,13 +5,11 @@
 // standard error, because some targets send standard output to /dev/null.
 // Fails when no input was found at all, so that a mistyped directory cannot
 // pass unnoticed.
-#include <dirent.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -22,22 +20,18 @@ extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** arg
 
 namespace {
 
-bool IsDirectory(const std::string& path) {
-  struct stat info {};
-  return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
+namespace fs = std::filesystem;
 
 // The files of a directory in name order, so that every run replays alike.
+// (std::filesystem rather than readdir: a 32-bit build's readdir and stat
+// fail on file systems with 64-bit inode numbers.)
 std::vector<std::string> FilesIn(const std::string& dir) {
   std::vector<std::string> files;
-  DIR* stream = ::opendir(dir.c_str());
-  if (stream == nullptr) return files;
-  while (const dirent* entry = ::readdir(stream)) {
-    if (entry->d_name[0] == '.') continue;
-    const std::string path = dir + "/" + entry->d_name;
-    if (!IsDirectory(path)) files.push_back(path);
+  std::error_code error;
+  for (const fs::directory_entry& entry : fs::directory_iterator(dir, error)) {
+    if (entry.path().filename().string()[0] == '.' || entry.is_directory()) continue;
+    files.push_back(entry.path().string());
   }
-  ::closedir(stream);
   std::sort(files.begin(), files.end());
   return files;
 }
@@ -58,7 +52,8 @@ int main(int argc, char** argv) {
   size_t replayed = 0;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
-    const std::vector<std::string> files = IsDirectory(arg) ? FilesIn(arg) : std::vector<std::string>{arg};
+    std::error_code error;
+    const std::vector<std::string> files = fs::is_directory(arg, error) ? FilesIn(arg) : std::vector<std::string>{arg};
     for (const std::string& file : files) {
       if (!Replay(file)) {
         std::fprintf(stderr, "replay: cannot read %s\n", file.c_str());

@@ -2,9 +2,8 @@
 // and requests through the handle-based binding, leave the process with the
 // descriptors, threads and socket files it had before. Counts, not times; the
 // long version with its rates is the soak program among the benchmarks.
-#include <dirent.h>
-
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
@@ -37,11 +36,9 @@ struct Footprint {
 
 std::vector<std::string> Names(const std::string& dir) {
   std::vector<std::string> names;
-  if (DIR* stream = ::opendir(dir.c_str())) {
-    while (const dirent* entry = ::readdir(stream)) {
-      if (entry->d_name[0] != '.') names.push_back(entry->d_name);
-    }
-    ::closedir(stream);
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, error)) {
+    names.push_back(entry.path().filename().string());
   }
   std::sort(names.begin(), names.end());
   return names;
