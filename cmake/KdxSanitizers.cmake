@@ -9,6 +9,13 @@ elseif(KDX_SANITIZE STREQUAL "thread")
   endif()
   add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
   add_link_options(-fsanitize=thread)
+elseif(KDX_SANITIZE STREQUAL "fuzzer")
+  # The fuzz build (clang): everything instrumented for libFuzzer's coverage
+  # feedback and checked by ASan+UBSan; the fuzz targets alone link the
+  # libFuzzer engine with -fsanitize=fuzzer.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=undefined
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
 elseif(NOT KDX_SANITIZE STREQUAL "")
-  message(FATAL_ERROR "KDX_SANITIZE must be empty, 'address' or 'thread', not '${KDX_SANITIZE}'")
+  message(FATAL_ERROR "KDX_SANITIZE must be empty, 'address', 'thread' or 'fuzzer', not '${KDX_SANITIZE}'")
 endif()

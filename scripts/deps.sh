@@ -5,9 +5,11 @@
 set -euo pipefail
 
 # nlohmann-json3-dev is header-only and serves the cross build too;
-# bash-completion loads the completion that the tests try.
+# bash-completion loads the completion that the tests try; libclang-rt-14-dev
+# carries the input splitter that the fuzz targets use (the test run replays
+# them in every build).
 packages=(cmake ninja-build g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-  bash-completion)
+  bash-completion libclang-rt-14-dev)
 for arg in "$@"; do
   case "$arg" in
     release|asan|tsan) ;;

@@ -1,0 +1,64 @@
+#!/usr/bin/env bash
+# Runs the end-to-end session tests of the release build (tests/app: the real
+# client on a pseudo-terminal) with the client under valgrind memcheck, and
+# fails unless the tests pass and every client run reports no error and no
+# byte definitely or indirectly lost. Uses the build that scripts/test.sh
+# made; builds nothing. Usage: scripts/memcheck.sh
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=build/release
+if [ ! -x "$build/tests/app/app_test" ]; then
+  echo "memcheck: no release build with its tests; run scripts/test.sh first" >&2
+  exit 1
+fi
+scripts/deps.sh valgrind
+
+logs="$PWD/$build/memcheck"
+rm -rf "$logs"
+mkdir -p "$logs"
+export KDX_MEMCHECK_LOGS="$logs"
+export KDX_TEST_LAUNCHER="$PWD/scripts/memcheck-launcher.sh"
+ulimit -c 0
+
+start=$(date +%s)
+ctest --test-dir "$build" -R '^(ClientSocketTest|DeviceCommandTest|DeviceCommandTimeoutTest|InterfaceTest|PidFilesTest|SignalTest|StartupTest)\.' \
+  -j 4 --output-on-failure
+echo "memcheck tests took $(( $(date +%s) - start )) s"
+
+# Every client run leaves one report. A run that ended (exit, quit, a usage
+# error, SIGSEGV) ends its report with the error summary and the leak check:
+# it must show no error and nothing definitely or indirectly lost (blocks
+# still reachable at exit are allowed). A run that the test ended by killing
+# the client (a test that needs nothing after its last check lets its
+# pseudo-terminal runner kill the program) has no summary: its report must
+# hold nothing but valgrind's opening lines, i.e. no error up to the kill.
+opening='^==[0-9]+== ( *|Memcheck, a memory error detector|Copyright \(C\).*|Using Valgrind.*|Command: .*|Parent PID: .*)$'
+failed=0
+ended=0
+killed=0
+for report in "$logs"/memcheck.*.log; do
+  [ -e "$report" ] || continue
+  if grep -q 'ERROR SUMMARY:' "$report"; then
+    ended=$((ended + 1))
+    if grep -q 'ERROR SUMMARY: 0 errors' "$report" && ! grep -Eq '(definitely|indirectly) lost: [1-9]' "$report"; then
+      continue
+    fi
+  else
+    killed=$((killed + 1))
+    if ! grep -Evq "$opening" "$report"; then continue; fi
+  fi
+  echo "memcheck: $report:" >&2
+  cat "$report" >&2
+  failed=1
+done
+if [ $((ended + killed)) -eq 0 ]; then
+  echo "memcheck: no client ran under valgrind" >&2
+  exit 1
+fi
+if [ "$failed" -ne 0 ]; then
+  echo "memcheck: FAILED (reports above)" >&2
+  exit 1
+fi
+echo "memcheck: $((ended + killed)) client runs: $ended ended with 0 errors and 0 bytes definitely or" \
+  "indirectly lost, $killed killed by their test with no error up to then"
