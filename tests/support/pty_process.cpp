@@ -11,13 +11,12 @@
 #include <stdexcept>
 
 #include "tests/support/launcher.h"
+#include "tests/support/wait_until.h"
 
 extern char** environ;
 
 namespace zel::test {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 void SetEntry(std::vector<std::string>& env, const std::string& entry) {
   const std::string name = entry.substr(0, entry.find('=') + 1);
@@ -151,20 +150,26 @@ void PtyProcess::Signal(int signo) {
 }
 
 std::optional<int> PtyProcess::WaitForExit(milliseconds timeout) {
-  const auto deadline = Clock::now() + timeout;
-  while (!mStatus) {
-    int status = 0;
-    const pid_t done = ::waitpid(mPid, &status, WNOHANG);
-    if (done == mPid) {
-      mStatus = status;
-      break;
-    }
-    if (Clock::now() >= deadline) return std::nullopt;
-    // Keep the terminal drained so that the program never blocks on output.
-    mPty.WaitForQuiet(milliseconds(1), milliseconds(1));
-  }
+  // Between checks the terminal is drained rather than slept on, so that the
+  // program never blocks on output; that drain is the pause.
+  const bool ended = WaitUntil(
+      [this] {
+        if (Reaped()) return true;
+        mPty.WaitForQuiet(milliseconds(1), milliseconds(1));
+        return false;
+      },
+      timeout, milliseconds(0));
+  if (!ended) return std::nullopt;
   mPty.WaitForEnd(std::chrono::seconds(5));
   return mStatus;
+}
+
+bool PtyProcess::Reaped() {
+  if (mStatus) return true;
+  int status = 0;
+  if (::waitpid(mPid, &status, WNOHANG) != mPid) return false;
+  mStatus = status;
+  return true;
 }
 
 int PtyProcess::ExitCode(int waitStatus) { return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1; }

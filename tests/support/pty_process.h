@@ -60,6 +60,9 @@ class PtyProcess {
   static int ExitCode(int waitStatus);
 
  private:
+  // Collects the wait status if the program has ended; never blocks.
+  bool Reaped();
+
   Pty mPty;
   pid_t mPid = -1;
   std::optional<int> mStatus;

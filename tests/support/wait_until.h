@@ -10,8 +10,7 @@ namespace zel::test {
 
 // True as soon as `condition` holds (it is checked at once, then every
 // `pause`); false when it still does not hold after `timeout`.
-bool WaitUntil(const std::function<bool()>& condition,
-               std::chrono::milliseconds timeout = std::chrono::seconds(10),
+bool WaitUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = std::chrono::seconds(10),
                std::chrono::milliseconds pause = std::chrono::milliseconds(1));
 
 }  // namespace zel::test
