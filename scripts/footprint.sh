@@ -3,7 +3,8 @@
 # README. This is a measurement, not a test: nothing is compared with a limit.
 #
 # - Storage: the armhf executables and the client library as the device
-#   stores them (stripped copies of the cross build), in bytes.
+#   stores them (stripped copies of the cross build, which is built for size:
+#   -Os, link-time optimised, unreferenced sections collected), in bytes.
 # - Memory and threads: the client runs on a pseudo-terminal (util-linux's
 #   `script`) against the simulator in a temporary directory; after a few
 #   commands its peak resident set (VmHWM), resident set (VmRSS) and thread
@@ -129,5 +130,5 @@ measure "$(uname -m), native" 10 "$host/app/kendrivex-cli"
 measure "armhf under qemu-arm (emulated: the emulator's own memory and thread included)" 60 \
   "${qemu[@]}" "$arm/app/kendrivex-cli"
 echo
-echo "Measured on $(date -u +%Y-%m-%d) with $(g++ --version | head -n 1) (host) and" \
-  "$(arm-linux-gnueabihf-g++ --version | head -n 1) (armhf), Release builds."
+echo "Measured on $(date -u +%Y-%m-%d) with $(g++ --version | head -n 1) (host, Release build) and" \
+  "$(arm-linux-gnueabihf-g++ --version | head -n 1) (armhf, size build)."
