@@ -47,3 +47,14 @@ function(kdx_add_gtest name)
     DISCOVERY_TIMEOUT ${discoveryTimeout}
     PROPERTIES ${properties})
 endfunction()
+
+# kdx_add_test_helper(<name> SOURCES <files...> [LIBS <targets...>])
+# Code that several test executables share, compiled once into a static
+# library. It may use GoogleTest and the test support: the support's symbols
+# come from the executables, each of which links the support objects.
+function(kdx_add_test_helper name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${name} PUBLIC ${ARG_LIBS} GTest::gmock)
+endfunction()

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, and nothing when
-# they are all there already. Arguments name a build (release, asan, tsan or
-# armhf, which adds the cross compiler and the emulator) or extra packages.
+# they are all there already. Arguments name a build (release, asan, tsan,
+# size or armhf, which adds the cross compiler and the emulator) or extra
+# packages.
 set -euo pipefail
 
 # nlohmann-json3-dev is header-only and serves the cross build too;
@@ -12,7 +13,7 @@ packages=(cmake ninja-build g++ make googletest libgtest-dev libgmock-dev libben
   bash-completion libclang-rt-14-dev)
 for arg in "$@"; do
   case "$arg" in
-    release|asan|tsan) ;;
+    release|asan|tsan|size) ;;
     armhf) packages+=(g++-arm-linux-gnueabihf qemu-user) ;;
     *) packages+=("$arg") ;;
   esac

@@ -3,7 +3,8 @@
 # README. This is a measurement, not a test: nothing is compared with a limit.
 #
 # - Storage: the armhf executables and the client library as the device
-#   stores them (stripped copies of the cross build), in bytes.
+#   stores them (stripped copies of the cross build, which is built for size:
+#   -Os, link-time optimised, unreferenced sections collected), in bytes.
 # - Memory and threads: the client runs on a pseudo-terminal (util-linux's
 #   `script`) against the simulator in a temporary directory; after a few
 #   commands its peak resident set (VmHWM), resident set (VmRSS) and thread
@@ -16,43 +17,41 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+source scripts/lib/sim.sh
+
 build_root="${KDX_BUILD_ROOT:-build}"
 host="$build_root/release"
 arm="$build_root/armhf"
 qemu=(qemu-arm -L /usr/arm-linux-gnueabihf)
 
+# What the device stores: the build target and its path in the build tree,
+# one line each; the table has a row for each, in this order.
+shipped=(
+  "kendrivex-cli app/kendrivex-cli"
+  "kendrivex-ctl tools/ctl/kendrivex-ctl"
+  "kendrivex-sim tools/sim/kendrivex-sim"
+  "kendrivex_ipc ipc/libkendrivex_ipc.so"
+)
+
+targets=()
+for entry in "${shipped[@]}"; do targets+=("${entry%% *}"); done
 scripts/deps.sh release armhf >&2
 cmake --preset release -B "$host" >/dev/null
 cmake --build "$host" --target kendrivex-cli kendrivex-sim >&2
 cmake --preset armhf -B "$arm" >/dev/null
-cmake --build "$arm" --target kendrivex-cli kendrivex-ctl kendrivex-sim kendrivex_ipc >&2
+cmake --build "$arm" --target "${targets[@]}" >&2
 
 tmp=$(mktemp -d "${TMPDIR:-/tmp}/kdx-footprint.XXXXXX")
-sim_pid=""
 session_pid=""
 cleanup() {
-  for pid in $session_pid $sim_pid; do
-    kill -TERM "$pid" 2>/dev/null || true
-    wait "$pid" 2>/dev/null || true
-  done
+  if [ -n "$session_pid" ]; then
+    kill -TERM "$session_pid" 2>/dev/null || true
+    wait "$session_pid" 2>/dev/null || true
+  fi
+  stop_sim 2>/dev/null || true
   rm -rf "$tmp"
 }
 trap cleanup EXIT
-
-# Polls `condition` (a command) every 50 ms for at most `seconds`.
-wait_until() {
-  local seconds=$1
-  shift
-  local tries=$(( seconds * 20 ))
-  while ! "$@"; do
-    tries=$(( tries - 1 ))
-    if [ "$tries" -le 0 ]; then
-      echo "footprint: gave up waiting for: $*" >&2
-      return 1
-    fi
-    sleep 0.05
-  done
-}
 
 prompts_at_least() { [ "$(grep -o 'hi>' "$1" | wc -l)" -ge "$2" ]; }
 status_field() { awk -v f="$2:" '$1 == f { print $2 }' "/proc/$1/status"; }
@@ -65,9 +64,7 @@ measure() {
   local run="$tmp/run"
   rm -rf "$run"
   mkdir "$run"
-  "$host/tools/sim/kendrivex-sim" --log "$run/sim.log" "$run/service" &
-  sim_pid=$!
-  wait_until 10 test -S "$run/service"
+  start_sim "$host/tools/sim/kendrivex-sim" "$run/service" --log "$run/sim.log"
 
   # The keys go through a FIFO that stays open for writing until the end, so
   # that `script` never sees the end of its input while the client runs.
@@ -105,14 +102,17 @@ measure() {
     echo "footprint: the client ended with status $status" >&2
     exit 1
   fi
-  kill -TERM "$sim_pid"
-  wait "$sim_pid" || true
-  sim_pid=""
+  stop_sim || true
   printf '| %s | %s kB | %s kB | %s |\n' "$label" "$hwm" "$rss" "$threads"
 }
 
+# A table row for one shipped file, named as installed (a library by its
+# full version name).
 stripped_row() {
-  local file=$1 name=$2
+  local file
+  file=$(readlink -f "$1")
+  local name
+  name=$(basename "$file")
   arm-linux-gnueabihf-strip -o "$tmp/stripped" "$file"
   local bytes text data bss
   bytes=$(stat -c %s "$tmp/stripped")
@@ -123,10 +123,7 @@ stripped_row() {
 
 echo "| armhf, stripped | bytes | text | data | bss |"
 echo "|---|---:|---:|---:|---:|"
-stripped_row "$arm/app/kendrivex-cli" kendrivex-cli
-stripped_row "$arm/tools/ctl/kendrivex-ctl" kendrivex-ctl
-stripped_row "$arm/tools/sim/kendrivex-sim" kendrivex-sim
-stripped_row "$(readlink -f "$arm/ipc/libkendrivex_ipc.so")" libkendrivex_ipc.so.0.1.0
+for entry in "${shipped[@]}"; do stripped_row "$arm/${entry#* }"; done
 echo
 echo "| running client, after send_ping, atcmd_wlanapclist, atcmd_wlanmac, help | peak RSS (VmHWM) | RSS (VmRSS) | threads |"
 echo "|---|---:|---:|---:|"
@@ -134,5 +131,5 @@ measure "$(uname -m), native" 10 "$host/app/kendrivex-cli"
 measure "armhf under qemu-arm (emulated: the emulator's own memory and thread included)" 60 \
   "${qemu[@]}" "$arm/app/kendrivex-cli"
 echo
-echo "Measured on $(date -u +%Y-%m-%d) with $(g++ --version | head -n 1) (host) and" \
-  "$(arm-linux-gnueabihf-g++ --version | head -n 1) (armhf), Release builds."
+echo "Measured on $(date -u +%Y-%m-%d) with $(g++ --version | head -n 1) (host, Release build) and" \
+  "$(arm-linux-gnueabihf-g++ --version | head -n 1) (armhf, size build)."

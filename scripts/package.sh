@@ -1,12 +1,15 @@
 #!/usr/bin/env bash
-# Builds the Debian packages with CPack: amd64 from the release build, armhf
-# (the device) from the cross build. Usage: scripts/package.sh [amd64] [armhf]
-# (both when none is named). The packages are put in build/packages/.
+# Builds the Debian packages with CPack from builds for size (-Os, link-time
+# optimised, unreferenced sections collected): amd64 from the host size build
+# (preset size: the programs and library without the tests), armhf (the
+# device) from the cross build, which is a size build with every test.
+# Usage: scripts/package.sh [amd64] [armhf] (both when none is named). The
+# packages are put in build/packages/.
 #
 # The builds are configured to install under /usr with Debian's multiarch
 # library directory, as the packages do; `cmake --install <build> --prefix
 # <dir>` still installs anywhere else. KDX_BUILD_ROOT (default: build) names
-# the directory that holds the release and armhf build directories.
+# the directory that holds the size and armhf build directories.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -18,7 +21,7 @@ mkdir -p "$out"
 
 for arch in "${archs[@]}"; do
   case "$arch" in
-    amd64) preset=release; triplet=x86_64-linux-gnu ;;
+    amd64) preset=size; triplet=x86_64-linux-gnu ;;
     armhf) preset=armhf; triplet=arm-linux-gnueabihf ;;
     *) echo "unknown architecture '$arch': amd64 or armhf" >&2; exit 2 ;;
   esac

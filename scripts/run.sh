@@ -11,16 +11,14 @@ scripts/deps.sh release
 cmake --preset release >/dev/null
 cmake --build --preset release --target kendrivex-cli kendrivex-sim
 
+source scripts/lib/sim.sh
+
 dir=$(mktemp -d "${TMPDIR:-/tmp}/kdx.XXXXXX")
 service="$dir/service"
 log="$dir/sim.log"
-sim_pid=""
 
 cleanup() {
-  if [ -n "$sim_pid" ]; then
-    kill -TERM "$sim_pid" 2>/dev/null || true
-    wait "$sim_pid" 2>/dev/null || true
-  fi
+  stop_sim 2>/dev/null || true
   rm -rf "$dir"
 }
 trap cleanup EXIT
@@ -30,24 +28,7 @@ trap 'exit 143' TERM
 
 # The simulator's per-request lines go to the log file, so that they never
 # garble the client's terminal; a --log among the arguments overrides it.
-build/release/tools/sim/kendrivex-sim --log "$log" "$@" "$service" &
-sim_pid=$!
-
-# The simulator binds its socket at once; the client needs it to exist.
-for _ in $(seq 1 200); do
-  [ -S "$service" ] && break
-  if ! kill -0 "$sim_pid" 2>/dev/null; then
-    wait "$sim_pid" || true
-    sim_pid=""
-    echo "the simulator did not start" >&2
-    exit 1
-  fi
-  sleep 0.05
-done
-if [ ! -S "$service" ]; then
-  echo "the simulator's socket $service did not appear" >&2
-  exit 1
-fi
+start_sim build/release/tools/sim/kendrivex-sim "$service" --log "$log" "$@"
 
 echo "simulator on $service, its log in $log"
 status=0

@@ -13,9 +13,9 @@
 namespace zel::util {
 namespace {
 
-constexpr char kThreadLoop[] = "void zel::util::FdMonitor::ThreadLoop()";
-constexpr char kAddFd[] = "int zel::util::FdMonitor::AddFd(int, zel::util::FdType, zel::util::FdCallbackFn)";
-constexpr char kConstructor[] = "zel::util::FdMonitor::FdMonitor()";
+constexpr char kThreadLoopText[] = "void zel::util::FdMonitor::ThreadLoop()";
+constexpr char kAddFdText[] = "int zel::util::FdMonitor::AddFd(int, zel::util::FdType, zel::util::FdCallbackFn)";
+constexpr char kFdMonitorText[] = "zel::util::FdMonitor::FdMonitor()";
 // A readable descriptor without a callback is drained by this much per pass.
 constexpr size_t kDrainSize = 4096;
 // Commands are 8 characters, the size of the eventfd counter.
@@ -40,7 +40,7 @@ FdMonitor::FdMonitor() : mExitCommand("evt_exit"), mModifyCommand("evt_modi"), m
   // the counter is already non-zero, so the loop wakes and rebuilds its sets.
   mEventFd = eventfd(0, EFD_NONBLOCK);
   if (mEventFd >= FD_SETSIZE) {
-    syslog(LOG_ERR, "%s: eventfd [%d] cannot be watched by select (FD_SETSIZE [%d])\n", kConstructor, mEventFd,
+    syslog(LOG_ERR, "%s: eventfd [%d] cannot be watched by select (FD_SETSIZE [%d])\n", kFdMonitorText, mEventFd,
            FD_SETSIZE);
     close(mEventFd);
     mEventFd = -1;
@@ -86,7 +86,7 @@ void FdMonitor::WriteCommand(const std::string& command) {
 
 int FdMonitor::AddFd(int fd, FdType type, FdCallbackFn cb) {
   if (!FitsSelect(fd)) {
-    syslog(LOG_ERR, "%s: fd [%d] cannot be watched by select (FD_SETSIZE [%d])\n", kAddFd, fd, FD_SETSIZE);
+    syslog(LOG_ERR, "%s: fd [%d] cannot be watched by select (FD_SETSIZE [%d])\n", kAddFdText, fd, FD_SETSIZE);
     return -1;
   }
   MutexGuard guard(mMutex);
@@ -126,11 +126,11 @@ void FdMonitor::ThreadLoop() {
     }
     const int n = select(maxfd + 1, &readSet, &writeSet, &exceptSet, nullptr);
     if (n < 0) {
-      syslog(LOG_ERR, "%s %d: select error", kThreadLoop, 80);
+      syslog(LOG_ERR, "%s %d: select error", kThreadLoopText, 80);
       continue;
     }
     if (n == 0) {
-      syslog(LOG_DEBUG, "%s %d: select timeout", kThreadLoop, 84);
+      syslog(LOG_DEBUG, "%s %d: select timeout", kThreadLoopText, 84);
       continue;
     }
     // Callbacks run outside the lock so that they may add and remove

@@ -18,15 +18,25 @@
 namespace zel::util {
 namespace {
 
-// Function texts that prefix the log messages.
-constexpr char kInit[] = "zel::Result zel::util::Socket::Init()";
-constexpr char kConnect[] = "zel::Result zel::util::Socket::Connect(std::string)";
-constexpr char kListen[] = "zel::Result zel::util::Socket::Listen(int)";
-constexpr char kAccept[] = "int zel::util::Socket::Accept(std::string&)";
-constexpr char kSetReuseAddress[] = "zel::Result zel::util::Socket::SetReuseAddress()";
-constexpr char kSendToFd[] = "ssize_t zel::util::Socket::SendTo(int, const void*, size_t)";
-constexpr char kSendToDest[] = "ssize_t zel::util::Socket::SendTo(std::string, const void*, size_t)";
-constexpr char kRecvTimedWait[] = "ssize_t zel::util::Socket::RecvTimedWait(void*, size_t, uint64_t)";
+// Function texts that prefix the log messages; the short ones go with the
+// "%s %d : " form.
+constexpr char kInitText[] = "zel::Result zel::util::Socket::Init()";
+constexpr char kInitShortText[] = "Init";
+constexpr char kConnectText[] = "zel::Result zel::util::Socket::Connect(std::string)";
+constexpr char kListenText[] = "zel::Result zel::util::Socket::Listen(int)";
+constexpr char kAcceptText[] = "int zel::util::Socket::Accept(std::string&)";
+constexpr char kAcceptShortText[] = "Accept";
+constexpr char kSetNonBlockShortText[] = "SetNonBlock";
+constexpr char kSetReuseAddressText[] = "zel::Result zel::util::Socket::SetReuseAddress()";
+constexpr char kSendToFdText[] = "ssize_t zel::util::Socket::SendTo(int, const void*, size_t)";
+constexpr char kSendToDestText[] = "ssize_t zel::util::Socket::SendTo(std::string, const void*, size_t)";
+constexpr char kRecvTimedWaitText[] = "ssize_t zel::util::Socket::RecvTimedWait(void*, size_t, uint64_t)";
+
+// Both SendTo forms share one send loop, and each hands it the number of its
+// own retry message. The numbers identify the messages; they are not line
+// numbers.
+constexpr int kMsgSendToFdRetry = 597;
+constexpr int kMsgSendToDestRetry = 716;
 
 // The TCP protocol number.
 constexpr int kStreamProtocol = 6;
@@ -117,7 +127,7 @@ void FillIpv6Address(int port, SocketAddress& address) {
 // Loops until every byte is out or an error other than EAGAIN / EPIPE comes.
 // Those two are retried at once, for as long as they persist.
 template <typename SendOnce>
-ssize_t SendAll(const void* buf, size_t len, const char* function, int retryLine, SendOnce sendOnce, int& failure) {
+ssize_t SendAll(const void* buf, size_t len, const char* function, int retryMessage, SendOnce sendOnce, int& failure) {
   const char* bytes = static_cast<const char*>(buf);
   size_t sent = 0;
   size_t left = len;
@@ -135,7 +145,7 @@ ssize_t SendAll(const void* buf, size_t len, const char* function, int retryLine
       failure = err;
       break;
     }
-    syslog(LOG_ERR, "%s %d: errno [%d] send ret [%zd] try one more time\n", function, retryLine, err, n);
+    syslog(LOG_ERR, "%s %d: errno [%d] send ret [%zd] try one more time\n", function, retryMessage, err, n);
   }
   return static_cast<ssize_t>(sent);
 }
@@ -166,23 +176,23 @@ Socket::~Socket() {
 zel::Result Socket::Init() {
   int family = 0;
   if (!FamilyOf(mSocketDomain, family)) {
-    syslog(LOG_ERR, "%s %d : unknown mSocketDomain [%d]\n", "Init", 119, static_cast<int>(mSocketDomain));
+    syslog(LOG_ERR, "%s %d : unknown mSocketDomain [%d]\n", kInitShortText, 119, static_cast<int>(mSocketDomain));
     return zel::Result::Fail;
   }
   int kind = 0;
   int protocol = 0;
   if (!KindOf(mSocketType, kind, protocol)) {
-    syslog(LOG_ERR, "%s %d : unknown mSocketType [%d]\n", "Init", 141, static_cast<int>(mSocketType));
+    syslog(LOG_ERR, "%s %d : unknown mSocketType [%d]\n", kInitShortText, 141, static_cast<int>(mSocketType));
     return zel::Result::Fail;
   }
   const int fd = socket(family, kind, protocol);
   if (fd < 0) {
-    syslog(LOG_ERR, "%s %d : socket failed, errno[%d]\n", "Init", 150, errno);
+    syslog(LOG_ERR, "%s %d : socket failed, errno[%d]\n", kInitShortText, 150, errno);
     return zel::Result::Fail;
   }
   mFd = fd;
   if (mSocketDomain != SocketDomain::Netlink && mPath.empty()) {
-    syslog(LOG_DEBUG, "%s %d: no path specified\n", kInit, 157);
+    syslog(LOG_DEBUG, "%s %d: no path specified\n", kInitText, 157);
     return zel::Result::Ok;
   }
   if (Bind() == zel::Result::Ok) return zel::Result::Ok;
@@ -197,12 +207,12 @@ zel::Result Socket::Bind() {
   socklen_t length = 0;
   if (BuildOwnAddress(address, length) != zel::Result::Ok) return zel::Result::Fail;
   if (length == 0) {
-    syslog(LOG_ERR, "%s %d: \n", kInit, 295);
+    syslog(LOG_ERR, "%s %d: \n", kInitText, 295);
     return zel::Result::Fail;
   }
   SetReuseAddress();
   if (bind(mFd, &address.base, length) < 0) {
-    syslog(LOG_ERR, "%s %d: bind errno [%d] path [%s]\n", kInit, 311, errno, mPath.c_str());
+    syslog(LOG_ERR, "%s %d: bind errno [%d] path [%s]\n", kInitText, 311, errno, mPath.c_str());
     return zel::Result::Fail;
   }
   syslog(LOG_INFO, "success to make socket fd [%d] path [%s]\n", mFd, DisplayPath(mPath));
@@ -229,8 +239,8 @@ zel::Result Socket::BuildOwnAddress(SocketAddress& address, socklen_t& length) {
 
 zel::Result Socket::BuildOwnUnixAddress(SocketAddress& address, socklen_t& length) {
   if (mPath.length() > sizeof(address.un.sun_path)) {
-    syslog(LOG_ERR, "%s: path [%s] of length [%zu] does not fit a unix address of [%zu] bytes\n", kInit, mPath.c_str(),
-           mPath.length(), sizeof(address.un.sun_path));
+    syslog(LOG_ERR, "%s: path [%s] of length [%zu] does not fit a unix address of [%zu] bytes\n", kInitText,
+           mPath.c_str(), mPath.length(), sizeof(address.un.sun_path));
     return zel::Result::Fail;
   }
   // A stale socket file from an earlier run would make the bind fail.
@@ -244,17 +254,17 @@ zel::Result Socket::BuildOwnIpAddress(SocketAddress& address, socklen_t& length)
   std::string ip;
   int port = 0;
   if (SplitAddress(mPath, ip, port) != zel::Result::Ok) {
-    syslog(LOG_ERR, "%s %d: \n", kInit, 242);
+    syslog(LOG_ERR, "%s %d: \n", kInitText, 242);
     return zel::Result::Fail;
   }
   if (port < 1 || port > 65535) {
-    syslog(LOG_ERR, "%s %d: ip [%s] port [%d]\n", kInit, 248, ip.c_str(), port);
+    syslog(LOG_ERR, "%s %d: ip [%s] port [%d]\n", kInitText, 248, ip.c_str(), port);
     return zel::Result::Fail;
   }
   if (mSocketDomain == SocketDomain::IPv4) {
     FillIpv4Address(ip, port, address);
     if (ip.empty() || ip == "0.0.0.0") address.in.sin_addr.s_addr = htonl(INADDR_ANY);
-    syslog(LOG_DEBUG, "%s %d: multicast_ip [%s] ip [%s] port [%d]\n", kInit, 263, "", ip.c_str(), port);
+    syslog(LOG_DEBUG, "%s %d: multicast_ip [%s] ip [%s] port [%d]\n", kInitText, 263, "", ip.c_str(), port);
     length = sizeof(sockaddr_in);
   } else {
     FillIpv6Address(port, address);
@@ -300,16 +310,16 @@ zel::Result Socket::Connect(std::string dest) {
   SocketAddress address;
   socklen_t length = 0;
   // The destination is taken as a C text: an abstract name cannot be reached.
-  if (BuildPeerAddress(dest, ip, port, false, kConnect, address, length) != zel::Result::Ok) {
+  if (BuildPeerAddress(dest, ip, port, false, kConnectText, address, length) != zel::Result::Ok) {
     return zel::Result::Fail;
   }
   syslog(LOG_INFO, "dest [%s]\n", dest.c_str());
   if (length == 0) return zel::Result::Fail;
   if (connect(mFd, &address.base, length) < 0) {
-    syslog(LOG_ERR, "%s %d: cannot connect errno [%d]\n", kConnect, 543, errno);
+    syslog(LOG_ERR, "%s %d: cannot connect errno [%d]\n", kConnectText, 543, errno);
     return zel::Result::Fail;
   }
-  syslog(LOG_DEBUG, "%s %d: [%s] success to connect [%s]\n", kConnect, 551, mPath.c_str(), dest.c_str());
+  syslog(LOG_DEBUG, "%s %d: [%s] success to connect [%s]\n", kConnectText, 551, mPath.c_str(), dest.c_str());
   mConnected = true;
   return zel::Result::Ok;
 }
@@ -320,7 +330,7 @@ void Socket::JoinMulticast(const std::string& ip) {
   request.imr_multiaddr.s_addr = inet_addr(ip.c_str());
   request.imr_interface.s_addr = htonl(INADDR_ANY);
   if (setsockopt(mFd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof(request)) < 0) {
-    syslog(LOG_ERR, "%s %d: Cannot join multicast on [%s]\n", kConnect, 497, ip.c_str());
+    syslog(LOG_ERR, "%s %d: Cannot join multicast on [%s]\n", kConnectText, 497, ip.c_str());
   } else {
     syslog(LOG_INFO, "success to join multicast on [%s]\n", ip.c_str());
   }
@@ -363,7 +373,7 @@ zel::Result Socket::Listen(int backlog) {
   if (mFd < 0) return zel::Result::Fail;
   if (mSocketType != SocketType::Stream) return zel::Result::Ok;
   if (listen(mFd, backlog) < 0) {
-    syslog(LOG_DEBUG, "%s %d: close socket fd [%d] errno [%d]\n", kListen, 357, mFd, errno);
+    syslog(LOG_DEBUG, "%s %d: close socket fd [%d] errno [%d]\n", kListenText, 357, mFd, errno);
     close(mFd);
     mFd = -1;
     return zel::Result::Fail;
@@ -387,7 +397,7 @@ int Socket::Accept(std::string& peer) {
       length = sizeof(sockaddr_in6);
       break;
     default:
-      syslog(LOG_ERR, "%s %d: unknown socket domain [%d]\n", kAccept, 412, static_cast<int>(mSocketDomain));
+      syslog(LOG_ERR, "%s %d: unknown socket domain [%d]\n", kAcceptText, 412, static_cast<int>(mSocketDomain));
       return 0;
   }
   const int fd = accept4(mFd, &address.base, &length, SOCK_CLOEXEC);
@@ -400,7 +410,7 @@ std::string Socket::PeerText(const SocketAddress& address, socklen_t length) con
   if (mSocketDomain == SocketDomain::IPv4) return Ipv4PeerText(address.in);
   char text[INET6_ADDRSTRLEN];
   if (inet_ntop(AF_INET6, &address.in6.sin6_addr, text, sizeof(text)) == nullptr) {
-    syslog(LOG_ERR, "%s() : inet_ntop() failed, check errno[%d]\n", "Accept", errno);
+    syslog(LOG_ERR, "%s() : inet_ntop() failed, check errno[%d]\n", kAcceptShortText, errno);
     return std::string();
   }
   return std::string(text) + ";" + std::to_string(ntohs(address.in6.sin6_port));
@@ -412,7 +422,8 @@ zel::Result Socket::SetNonBlock(bool on) {
   if (flags < 0) return zel::Result::Fail;
   flags = on ? (flags | O_NONBLOCK) : (flags & ~O_NONBLOCK);
   if (fcntl(mFd, F_SETFL, flags) < 0) {
-    syslog(LOG_WARNING, "%s %d : fcntl [%d] F_SETFL flags [%d] cannot be executed\n", "SetNonBlock", 432, mFd, flags);
+    syslog(LOG_WARNING, "%s %d : fcntl [%d] F_SETFL flags [%d] cannot be executed\n", kSetNonBlockShortText, 432, mFd,
+           flags);
     return zel::Result::Fail;
   }
   return zel::Result::Ok;
@@ -422,7 +433,7 @@ zel::Result Socket::SetReuseAddress() {
   if (mFd < 0) return zel::Result::Fail;
   const int on = 1;
   if (setsockopt(mFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) < 0) {
-    syslog(LOG_ERR, "%s %d: errno [%d]\n", kSetReuseAddress, 459, errno);
+    syslog(LOG_ERR, "%s %d: errno [%d]\n", kSetReuseAddressText, 459, errno);
     return zel::Result::Fail;
   }
   return zel::Result::Ok;
@@ -432,10 +443,10 @@ ssize_t Socket::SendTo(int fd, const void* buf, size_t len) {
   if (fd < 0 || buf == nullptr || len == 0) return -1;
   int failure = 0;
   const ssize_t sent = SendAll(
-      buf, len, kSendToFd, 597, [fd](const char* bytes, size_t left) { return send(fd, bytes, left, MSG_EOR); },
-      failure);
+      buf, len, kSendToFdText, kMsgSendToFdRetry,
+      [fd](const char* bytes, size_t left) { return send(fd, bytes, left, MSG_EOR); }, failure);
   if (failure == 0) return sent;
-  syslog(LOG_ERR, "%s %d: errno [%d]\n", kSendToFd, 602, failure);
+  syslog(LOG_ERR, "%s %d: errno [%d]\n", kSendToFdText, 602, failure);
   return -failure;
 }
 
@@ -448,17 +459,17 @@ ssize_t Socket::SendTo(std::string dest, const void* buf, size_t len) {
   if (IsIpDomain(mSocketDomain) && SplitAddress(dest, ip, port) != zel::Result::Ok) return -1;
   SocketAddress address;
   socklen_t length = 0;
-  if (BuildPeerAddress(dest, ip, port, true, kSendToDest, address, length) != zel::Result::Ok) return -1;
+  if (BuildPeerAddress(dest, ip, port, true, kSendToDestText, address, length) != zel::Result::Ok) return -1;
   const sockaddr* target = nullptr;
   if (length != 0) target = &address.base;
   const int fd = mFd;
   int failure = 0;
   const ssize_t sent = SendAll(
-      buf, len, kSendToDest, 716,
+      buf, len, kSendToDestText, kMsgSendToDestRetry,
       [fd, target, length](const char* bytes, size_t left) { return sendto(fd, bytes, left, 0, target, length); },
       failure);
   if (failure != 0) {
-    syslog(LOG_ERR, "%s %d: errno [%d] cannot send data to [%s]\n", kSendToDest, 721, failure, dest.c_str());
+    syslog(LOG_ERR, "%s %d: errno [%d] cannot send data to [%s]\n", kSendToDestText, 721, failure, dest.c_str());
   }
   return sent;
 }
@@ -479,7 +490,8 @@ ssize_t Socket::Recv(void* buf, size_t len) {
 ssize_t Socket::RecvTimedWait(void* buf, size_t len, uint64_t timeout) {
   if (mFd < 0) return -1;
   if (mFd >= FD_SETSIZE) {
-    syslog(LOG_ERR, "%s: fd [%d] cannot be waited for by select (FD_SETSIZE [%d])\n", kRecvTimedWait, mFd, FD_SETSIZE);
+    syslog(LOG_ERR, "%s: fd [%d] cannot be waited for by select (FD_SETSIZE [%d])\n", kRecvTimedWaitText, mFd,
+           FD_SETSIZE);
     return -1;
   }
   timeval wait;
@@ -490,7 +502,7 @@ ssize_t Socket::RecvTimedWait(void* buf, size_t len, uint64_t timeout) {
   FD_SET(mFd, &readSet);
   const int res = select(mFd + 1, &readSet, nullptr, nullptr, &wait);
   if (res > 0 && FD_ISSET(mFd, &readSet)) return Recv(buf, len);
-  syslog(LOG_ERR, "%s %d: res [%d] errno [%d]\n", kRecvTimedWait, 639, res, errno);
+  syslog(LOG_ERR, "%s %d: res [%d] errno [%d]\n", kRecvTimedWaitText, 639, res, errno);
   return -1;
 }
 

@@ -7,7 +7,7 @@
 namespace zel::util {
 namespace {
 
-constexpr char kSend[] = "ssize_t zel::util::SocketClient::Send(const void*, size_t)";
+constexpr char kSendText[] = "ssize_t zel::util::SocketClient::Send(const void*, size_t)";
 
 }  // namespace
 
@@ -23,7 +23,7 @@ SocketClient::~SocketClient() = default;
 
 ssize_t SocketClient::Send(const void* buf, size_t len) {
   if (!mConnected) {
-    syslog(LOG_ERR, "%s %d: Cannot Send without connection\n", kSend, 49);
+    syslog(LOG_ERR, "%s %d: Cannot Send without connection\n", kSendText, 49);
     return -1;
   }
   if (mTls) return mTls->Send(mFd, buf, len);

@@ -14,9 +14,9 @@
 namespace zel::util {
 namespace {
 
-constexpr char kFdCallback[] = "void zel::util::SocketServer::FdCallback(int, zel::util::FdType)";
-constexpr char kRemoveFd[] = "void zel::util::SocketServer::RemoveFd(int)";
-constexpr char kAddFd[] = "void zel::util::SocketServer::AddFd(int, std::string)";
+constexpr char kFdCallbackText[] = "void zel::util::SocketServer::FdCallback(int, zel::util::FdType)";
+constexpr char kRemoveFdText[] = "void zel::util::SocketServer::RemoveFd(int)";
+constexpr char kAddFdText[] = "void zel::util::SocketServer::AddFd(int, std::string)";
 constexpr uint32_t kBufferSize = 8192;
 constexpr int kBacklog = 5;
 
@@ -62,7 +62,7 @@ void SocketServer::ReceiveFromClient(int fd) {
   std::vector<char> buffer = MakeBuffer(mBufferSize);
   std::string peer;
   if (!GetClient(fd, peer)) {
-    syslog(LOG_ERR, "%s %d: Unknown client fd [%d]\n", kFdCallback, 171, fd);
+    syslog(LOG_ERR, "%s %d: Unknown client fd [%d]\n", kFdCallbackText, 171, fd);
     // One read, so that select does not report it again at once.
     const ssize_t drained = read(fd, buffer.data(), mBufferSize);
     (void)drained;
@@ -75,7 +75,7 @@ void SocketServer::ReceiveFromClient(int fd) {
     if (mDataCb) mDataCb(mFd, fd, peer, buffer.data(), static_cast<size_t>(n));
     return;
   }
-  if (n < 0) syslog(LOG_ERR, "%s %d: errno [%d]\n", kFdCallback, 154, errno);
+  if (n < 0) syslog(LOG_ERR, "%s %d: errno [%d]\n", kFdCallbackText, 154, errno);
   // Unregistered before it is closed, so that the number cannot be reused by
   // a new descriptor while the monitor still watches it.
   RemoveFd(fd);
@@ -86,18 +86,21 @@ void SocketServer::ReceiveFromClient(int fd) {
 void SocketServer::AcceptClient() {
   std::string peer;
   int newfd = Accept(peer);
-  syslog(LOG_DEBUG, "%s %d: add fd [%d] path [%s] server path [%s] proto [%s]\n", kFdCallback, 68, newfd, peer.c_str(),
-         mPath.c_str(), mSocketType == SocketType::Stream ? "tcp" : "udp");
+  syslog(LOG_DEBUG, "%s %d: add fd [%d] path [%s] server path [%s] proto [%s]\n", kFdCallbackText, 68, newfd,
+         peer.c_str(), mPath.c_str(), mSocketType == SocketType::Stream ? "tcp" : "udp");
   TlsWrapper* tls = Tls();
   if (tls != nullptr && newfd > 0 && tls->Accept(newfd) != 0) {
     close(newfd);
     newfd = -1;
   }
   if (newfd < 0) {
-    syslog(LOG_ERR, "%s %d: \n", kFdCallback, 81);
+    syslog(LOG_ERR, "%s %d: \n", kFdCallbackText, 81);
     return;
   }
-  if (!Track(newfd, peer)) {
+  AddFd(newfd, peer);
+  std::string tracked;
+  // A connection the monitor cannot watch would never be read: refuse it.
+  if (!GetClient(newfd, tracked)) {
     close(newfd);
     return;
   }
@@ -124,7 +127,7 @@ void SocketServer::ReceiveDatagram() {
   std::vector<char> buffer = MakeBuffer(mBufferSize);
   const ssize_t n = recvfrom(mFd, buffer.data(), mBufferSize, 0, record, record != nullptr ? &length : nullptr);
   if (n <= 0) {
-    syslog(LOG_ERR, "%s %d: fd [%d] recvfrom errno [%d]\n", kFdCallback, 113, mFd, errno);
+    syslog(LOG_ERR, "%s %d: fd [%d] recvfrom errno [%d]\n", kFdCallbackText, 113, mFd, errno);
     return;
   }
   std::string peer;
@@ -136,25 +139,22 @@ void SocketServer::ReceiveDatagram() {
   if (mDataCb) mDataCb(mFd, 0, peer, buffer.data(), static_cast<size_t>(n));
 }
 
-void SocketServer::AddFd(int fd, std::string peer) { Track(fd, peer); }
-
-bool SocketServer::Track(int fd, const std::string& peer) {
+void SocketServer::AddFd(int fd, std::string peer) {
   MutexGuard guard(mMutex);
-  if (mClients.find(fd) != mClients.end()) return true;
+  if (mClients.find(fd) != mClients.end()) return;
   if (!mMonitor) {
-    syslog(LOG_ERR, "%s: fd [%d] cannot be watched: the server has no data callback\n", kAddFd, fd);
-    return false;
+    syslog(LOG_ERR, "%s: fd [%d] cannot be watched: the server has no data callback\n", kAddFdText, fd);
+    return;
   }
-  if (mMonitor->AddFd(fd, FdType::Read, [this](int f, FdType t) { FdCallback(f, t); }) != 0) return false;
-  mClients.emplace(fd, peer);
-  return true;
+  if (mMonitor->AddFd(fd, FdType::Read, [this](int f, FdType t) { FdCallback(f, t); }) != 0) return;
+  mClients.emplace(fd, std::move(peer));
 }
 
 void SocketServer::RemoveFd(int fd) {
   MutexGuard guard(mMutex);
   auto it = mClients.find(fd);
   if (it == mClients.end()) return;
-  syslog(LOG_DEBUG, "%s %d: remove fd [%d] path [%s]\n", kRemoveFd, 196, fd, it->second.c_str());
+  syslog(LOG_DEBUG, "%s %d: remove fd [%d] path [%s]\n", kRemoveFdText, 196, fd, it->second.c_str());
   mClients.erase(it);
   if (mMonitor) mMonitor->RemoveFd(fd, FdType::Read);
 }

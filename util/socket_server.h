@@ -20,11 +20,11 @@
 
 namespace zel::util {
 
-// (server descriptor, client descriptor or 0 for datagrams, peer address text,
-// data, length); the result is not used.
-using DataCallback = std::function<bool(int, int, std::string, void*, size_t)>;
-// (server descriptor, accepted descriptor, peer address text).
-using ConnectCallback = std::function<void(int, int, std::string)>;
+// Receives data on the monitor thread. `clientFd` is 0 for datagrams; `data`
+// is freed when the callback returns. The result is not used.
+using DataCallback = std::function<bool(int serverFd, int clientFd, std::string peer, void* data, size_t length)>;
+// Told of each accepted connection on the monitor thread.
+using ConnectCallback = std::function<void(int serverFd, int clientFd, std::string peer)>;
 
 class SocketServer : public Socket {
  public:
@@ -37,7 +37,9 @@ class SocketServer : public Socket {
 
   // Called by the monitor for each ready descriptor.
   void FdCallback(int fd, FdType type);
-  // Tracks an accepted descriptor and its peer text; a known one is ignored.
+  // Tracks an accepted descriptor and its peer text and has the monitor watch
+  // it; a known one is ignored. A descriptor the monitor cannot watch is not
+  // tracked (GetClient tells).
   void AddFd(int fd, std::string peer);
   // Forgets an accepted descriptor (it is not closed); unknown ones are ignored.
   void RemoveFd(int fd);
@@ -56,7 +58,6 @@ class SocketServer : public Socket {
   bool GetClient(int fd, std::string& peer);
 
  private:
-  bool Track(int fd, const std::string& peer);
   void ReceiveFromClient(int fd);
   void AcceptClient();
   void ReceiveDatagram();

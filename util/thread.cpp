@@ -6,13 +6,20 @@
 #include <utility>
 
 namespace zel::util {
+namespace {
+
+// Short function texts that prefix the log messages.
+constexpr char kStartShortText[] = "Thread::Start";
+constexpr char kJoinShortText[] = "Thread::Join";
+
+}  // namespace
 
 Thread::Thread() : mDetached(false) {}
 
 int Thread::Start(std::function<void()> fn, bool detach) {
   // Replacing a joinable handle would end the process anyway; say why first.
   if (mThreadHandle.joinable()) {
-    syslog(LOG_ERR, "Thread::Start: a joinable thread is still running\n");
+    syslog(LOG_ERR, "%s: a joinable thread is still running\n", kStartShortText);
     std::abort();
   }
   mFunction = std::move(fn);
@@ -25,7 +32,7 @@ int Thread::Start(std::function<void()> fn, bool detach) {
 int Thread::Join() {
   if (mDetached) return 0;
   if (!mThreadHandle.joinable()) {
-    syslog(LOG_ERR, "Thread::Join: no thread to join\n");
+    syslog(LOG_ERR, "%s: no thread to join\n", kJoinShortText);
     return -1;
   }
   mThreadHandle.join();

@@ -7,9 +7,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
-#include <thread>
 
 #include "tests/support/syslog_file.h"
+#include "tests/support/wait_until.h"
 
 namespace zel::app::test {
 namespace {
@@ -150,14 +150,11 @@ bool AppTest::WaitUntilBlockedInPoll() const {
   // poll and select both sleep in the kernel's poll_schedule_timeout (an
   // emulated program's calls are made by the emulator's same thread).
   const std::string wchan = "/proc/" + std::to_string(client->Pid()) + "/wchan";
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (std::chrono::steady_clock::now() < deadline) {
+  return ::zel::test::WaitUntil([&wchan] {
     std::string where;
     std::ifstream(wchan) >> where;
-    if (where.compare(0, 21, "poll_schedule_timeout") == 0) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return false;
+    return where.compare(0, 21, "poll_schedule_timeout") == 0;
+  });
 }
 
 }  // namespace zel::app::test

@@ -1,17 +1,16 @@
 #include "tests/cli/cli_test_support.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <syslog.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <stdexcept>
 
 #include "tests/cli/test_commands.h"
+#include "tests/support/wait_until.h"
 
 namespace zel::cli::test {
 
@@ -152,13 +151,8 @@ size_t StdinPipe::Unread() const {
 }
 
 bool StdinPipe::WaitUntilAllRead() const {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (Unread() != 0) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    // The reader gives no signal when it takes a byte; look again shortly.
-    ::poll(nullptr, 0, 1);
-  }
-  return true;
+  // The reader gives no signal when it takes a byte; look again shortly.
+  return ::zel::test::WaitUntil([this] { return Unread() == 0; });
 }
 
 StdinRedirect::StdinRedirect(int fd) {

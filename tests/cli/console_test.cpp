@@ -19,6 +19,7 @@
 #include "tests/cli/cli_test_support.h"
 #include "tests/support/pty_stdio.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/wait_until.h"
 
 namespace zel::cli::test {
 namespace {
@@ -39,12 +40,7 @@ class ConsoleTest : public ::testing::Test {
 
 // Waits until the typed bytes have reached the terminal's input queue.
 bool WaitForPendingInput(size_t count) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (PendingInput() < count) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
+  return ::zel::test::WaitUntil([count] { return PendingInput() >= count; });
 }
 
 size_t OpenDescriptors() {

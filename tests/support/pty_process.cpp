@@ -13,11 +13,10 @@
 
 #include "tests/support/child_env.h"
 #include "tests/support/launcher.h"
+#include "tests/support/wait_until.h"
 
 namespace zel::test {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // The descriptor that becomes the child's standard input; -1 for the
 // terminal and for none.
@@ -125,18 +124,16 @@ void PtyProcess::Signal(int signo) {
 }
 
 std::optional<int> PtyProcess::WaitForExit(milliseconds timeout) {
-  const auto deadline = Clock::now() + timeout;
-  while (!mStatus) {
-    int status = 0;
-    const pid_t done = ::waitpid(mPid, &status, WNOHANG);
-    if (done == mPid) {
-      mStatus = status;
-      break;
-    }
-    if (Clock::now() >= deadline) return std::nullopt;
-    // Keep the terminal drained so that the program never blocks on output.
-    mPty.WaitForQuiet(milliseconds(1), milliseconds(1));
-  }
+  // Between checks the terminal is drained rather than slept on, so that the
+  // program never blocks on output; that drain is the pause.
+  const bool ended = WaitUntil(
+      [this] {
+        if (Reaped()) return true;
+        mPty.WaitForQuiet(milliseconds(1), milliseconds(1));
+        return false;
+      },
+      timeout, milliseconds(0));
+  if (!ended) return std::nullopt;
   mPty.WaitForEnd(std::chrono::seconds(5));
   return mStatus;
 }
@@ -146,6 +143,14 @@ bool PtyProcess::SettingsAsAtStart() const {
   const struct termios& start = mStartSettings;
   return now.c_iflag == start.c_iflag && now.c_oflag == start.c_oflag && now.c_cflag == start.c_cflag &&
          now.c_lflag == start.c_lflag && std::equal(now.c_cc, now.c_cc + NCCS, start.c_cc);
+}
+
+bool PtyProcess::Reaped() {
+  if (mStatus) return true;
+  int status = 0;
+  if (::waitpid(mPid, &status, WNOHANG) != mPid) return false;
+  mStatus = status;
+  return true;
 }
 
 int PtyProcess::ExitCode(int waitStatus) { return WIFEXITED(waitStatus) ? WEXITSTATUS(waitStatus) : -1; }

@@ -80,6 +80,9 @@ class PtyProcess {
   static int ExitCode(int waitStatus);
 
  private:
+  // Collects the wait status if the program has ended; never blocks.
+  bool Reaped();
+
   Pty mPty;
   struct termios mStartSettings {};
   pid_t mPid = -1;

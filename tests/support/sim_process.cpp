@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <thread>
 
 #include "tests/support/syslog_file.h"
+#include "tests/support/wait_until.h"
 
 namespace zel::test {
 namespace {
@@ -81,12 +81,7 @@ bool SimProcess::WaitForLineIn(const std::string& path, const std::string& line,
 bool SimProcess::WaitForLines(const std::string& path,
                               const std::function<bool(const std::vector<std::string>&)>& predicate,
                               std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (true) {
-    if (predicate(ReadLines(path))) return true;
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
+  return WaitUntil([&] { return predicate(ReadLines(path)); }, timeout, std::chrono::milliseconds(2));
 }
 
 std::optional<int> SimProcess::Stop(std::chrono::milliseconds timeout) {

@@ -2,7 +2,8 @@
 
 #include <fstream>
 #include <sstream>
-#include <thread>
+
+#include "tests/support/wait_until.h"
 
 namespace zel::test {
 
@@ -30,12 +31,7 @@ std::vector<LogRecord> ReadSyslogFile(const std::string& path) {
 
 bool WaitForSyslogFile(const std::string& path, const std::function<bool(const std::vector<LogRecord>&)>& predicate,
                        std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (true) {
-    if (predicate(ReadSyslogFile(path))) return true;
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
+  return WaitUntil([&] { return predicate(ReadSyslogFile(path)); }, timeout, std::chrono::milliseconds(2));
 }
 
 bool WaitForSyslogRecord(const std::string& path, const LogRecord& record, std::chrono::milliseconds timeout) {

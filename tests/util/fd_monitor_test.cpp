@@ -16,6 +16,7 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/wait_until.h"
 #include "tests/util/monitor_probe.h"
 #include "tests/util/proc_probe.h"
 #include "tests/util/test_pipe.h"
@@ -25,12 +26,12 @@ namespace {
 
 using test::LogRecord;
 using test::SyslogCapture;
+using test::WaitUntil;
 using ::testing::ElementsAre;
 using testkit::Calls;
 using testkit::CommandValue;
 using testkit::EventFdCount;
 using testkit::Gate;
-using testkit::PollUntil;
 using testkit::TestPipe;
 
 constexpr char kAddFd[] = "int zel::util::FdMonitor::AddFd(int, zel::util::FdType, zel::util::FdCallbackFn)";
@@ -97,7 +98,7 @@ TEST(FdMonitorTest, OwnsOneThreadUntilDestroyed) {
     FdMonitor monitor;
     EXPECT_EQ(testkit::ThreadCount(), before + 1);
   }
-  EXPECT_TRUE(PollUntil([before] { return testkit::ThreadCount() == before; }));
+  EXPECT_TRUE(WaitUntil([before] { return testkit::ThreadCount() == before; }));
 }
 
 TEST(FdMonitorTest, AnUnknownTypeIsWatchedForReading) {
@@ -121,7 +122,7 @@ TEST(FdMonitorTest, AddingWritesTheModifyCommandAsACounterAdd) {
   m.monitor.RemoveFd(pipe.ReadFd(), FdType::Read);
   EXPECT_EQ(EventFdCount(m.eventFd), 2 * CommandValue("evt_modi"));
   m.gate.Release();
-  EXPECT_TRUE(PollUntil([&] { return EventFdCount(m.eventFd) == 0; }));
+  EXPECT_TRUE(WaitUntil([&] { return EventFdCount(m.eventFd) == 0; }));
 }
 
 TEST(FdMonitorTest, AddingARegisteredDescriptorKeepsTheFirstCallbackAndDoesNotWakeTheLoop) {
@@ -188,7 +189,7 @@ TEST(FdMonitorTest, AnEmptyCallbackDrainsUpTo4096BytesPerPass) {
   gate.Release();
   ASSERT_TRUE(calls.WaitForCount(1));
   EXPECT_EQ(pendingSeen, std::vector<int>{5000 - 4096});
-  EXPECT_TRUE(PollUntil([&] { return drained.Pending() == 0; }));
+  EXPECT_TRUE(WaitUntil([&] { return drained.Pending() == 0; }));
 }
 
 TEST(FdMonitorTest, ReadyCallbacksRunInAscendingDescriptorOrder) {
@@ -306,7 +307,7 @@ TEST(FdMonitorTest, DestroyingAMonitorBlockedInSelectEndsItsLoop) {
   });
   ASSERT_TRUE(pipe.Write("x"));
   ASSERT_TRUE(calls.WaitForCount(1));
-  ASSERT_TRUE(PollUntil([&] { return testkit::InSelect(loopTid.load()); }));
+  ASSERT_TRUE(WaitUntil([&] { return testkit::InSelect(loopTid.load()); }));
   monitor.reset();
   const std::vector<int> after = testkit::EventFds();
   EXPECT_EQ(std::find(after.begin(), after.end(), eventFd), after.end());

@@ -10,6 +10,8 @@
 #include <sstream>
 #include <thread>
 
+#include "tests/support/wait_until.h"
+
 namespace zel::util::testkit {
 namespace {
 
@@ -32,7 +34,7 @@ void SettleRuntimeThreads() {
   std::atomic<pid_t> tid{0};
   std::thread([&tid] { tid = CurrentTid(); }).join();
   // A joined thread can stay listed for a moment (notably under emulation).
-  PollUntil([&tid] { return !TaskExists(tid); });
+  ::zel::test::WaitUntil([&tid] { return !TaskExists(tid); });
 }
 
 bool TaskExists(pid_t tid) { return access(("/proc/self/task/" + std::to_string(tid)).c_str(), F_OK) == 0; }
@@ -98,14 +100,5 @@ bool InSelect(pid_t tid) {
 }
 
 pid_t CurrentTid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
-
-bool PollUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 }  // namespace zel::util::testkit

@@ -4,9 +4,7 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,8 +26,5 @@ uint64_t CommandValue(const std::string& command);
 // True while thread `tid` of this process waits in select.
 bool InSelect(pid_t tid);
 pid_t CurrentTid();
-// Polls `condition` until it holds or `timeout` passes; for states that
-// nothing announces (kernel queues, thread states).
-bool PollUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 }  // namespace zel::util::testkit

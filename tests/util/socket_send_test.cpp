@@ -17,6 +17,7 @@
 #include "gtest/gtest.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/wait_until.h"
 #include "tests/util/net_probe.h"
 #include "tests/util/proc_probe.h"
 #include "tests/util/test_pipe.h"
@@ -27,6 +28,7 @@ namespace {
 
 using test::LogRecord;
 using test::SyslogCapture;
+using test::WaitUntil;
 using ::testing::ElementsAre;
 using testkit::TestPipe;
 
@@ -73,7 +75,7 @@ class SocketSendTest : public ::testing::Test {
     for (int i = 0; i < queued; ++i) EXPECT_EQ(ReceiveNow(mServer.GetFd()), "f");
     sender.join();
     EXPECT_EQ(result.load(), 4);
-    EXPECT_TRUE(testkit::PollUntil([&] { return ReceiveNow(mServer.GetFd()) == "last"; }));
+    EXPECT_TRUE(WaitUntil([&] { return ReceiveNow(mServer.GetFd()) == "last"; }));
   }
 
   test::TempDir mDir;
@@ -200,7 +202,7 @@ TEST_F(SocketSendTest, RecvTimedWaitKeepsTimeOutsBeyondThirtyTwoBits) {
   // datagram, sent only once the receiver waits in select, would be missed.
   const pid_t receiver = testkit::CurrentTid();
   std::thread sender([this, receiver] {
-    ASSERT_TRUE(testkit::PollUntil([receiver] { return testkit::InSelect(receiver); }));
+    ASSERT_TRUE(WaitUntil([receiver] { return testkit::InSelect(receiver); }));
     EXPECT_EQ(mClient.SendTo(mDir.File("srv"), "long", 4), 4);
   });
   char buffer[8] = {};

@@ -12,6 +12,7 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/wait_until.h"
 #include "tests/util/inbox.h"
 #include "tests/util/net_probe.h"
 #include "tests/util/proc_probe.h"
@@ -25,6 +26,7 @@ namespace {
 
 using test::LogRecord;
 using test::SyslogCapture;
+using test::WaitUntil;
 using ::testing::ElementsAre;
 using testkit::Connection;
 using testkit::Delivery;
@@ -154,7 +156,7 @@ TEST_F(StreamServerTest, AReceiveErrorIsLoggedAndTheDescriptorClosed) {
   ASSERT_TRUE(
       SyslogCapture::WaitForRecord(LogRecord{LOG_DEBUG, "void zel::util::SocketServer::RemoveFd(int) 196: remove fd [" +
                                                             std::to_string(fd) + "] path [pipe]\n"}));
-  EXPECT_TRUE(testkit::PollUntil([fd] { return fcntl(fd, F_GETFD) < 0; }));
+  EXPECT_TRUE(WaitUntil([fd] { return fcntl(fd, F_GETFD) < 0; }));
   pipe.Release();
 }
 

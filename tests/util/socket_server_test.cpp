@@ -21,6 +21,7 @@
 #include "gtest/gtest.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/wait_until.h"
 #include "tests/util/inbox.h"
 #include "tests/util/net_probe.h"
 #include "tests/util/proc_probe.h"
@@ -32,11 +33,11 @@ namespace {
 
 using test::LogRecord;
 using test::SyslogCapture;
+using test::WaitUntil;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using testkit::Delivery;
 using testkit::Inbox;
-using testkit::PollUntil;
 
 constexpr char kFdCallback[] = "void zel::util::SocketServer::FdCallback(int, zel::util::FdType)";
 
@@ -152,13 +153,13 @@ TEST_F(SocketServerTest, DestructionJoinsTheMonitorAndRemovesTheSocketFile) {
     SocketClient client("", SocketType::Datagram, SocketDomain::Unix, ServerPath());
     ASSERT_EQ(client.Send("x", 1), 1);
   }
-  ASSERT_TRUE(PollUntil([&] { return loopTid.load() != 0; }));
+  ASSERT_TRUE(WaitUntil([&] { return loopTid.load() != 0; }));
   EXPECT_TRUE(Exists(ServerPath()));
   SyslogCapture::Clear();
   server.reset();
   EXPECT_FALSE(Exists(ServerPath()));
   EXPECT_LT(fcntl(fd, F_GETFD), 0);
-  EXPECT_TRUE(PollUntil([&] { return !testkit::TaskExists(loopTid.load()); }));
+  EXPECT_TRUE(WaitUntil([&] { return !testkit::TaskExists(loopTid.load()); }));
   EXPECT_THAT(SyslogCapture::Records(),
               ElementsAre(LogRecord{LOG_INFO, "success to close socket [" + ServerPath() + "]\n"}));
 }

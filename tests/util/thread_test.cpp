@@ -11,6 +11,7 @@
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/wait_until.h"
 #include "tests/util/proc_probe.h"
 
 namespace zel::util {
@@ -18,6 +19,7 @@ namespace {
 
 using test::LogRecord;
 using test::SyslogCapture;
+using test::WaitUntil;
 using ::testing::ElementsAre;
 
 // A one-shot gate a thread can wait at.
@@ -79,10 +81,10 @@ TEST(ThreadTest, JoinOnADetachedThreadReturnsAtOnce) {
             0);
   // The thread still waits at the gate, so Join cannot have waited for it.
   EXPECT_EQ(thread.Join(), 0);
-  ASSERT_TRUE(testkit::PollUntil([tid] { return tid->load() != 0; }));
+  ASSERT_TRUE(WaitUntil([tid] { return tid->load() != 0; }));
   EXPECT_TRUE(testkit::TaskExists(tid->load()));
   gate->Open();
-  EXPECT_TRUE(testkit::PollUntil([tid] { return !testkit::TaskExists(tid->load()); }));
+  EXPECT_TRUE(WaitUntil([tid] { return !testkit::TaskExists(tid->load()); }));
 }
 
 TEST(ThreadTest, JoinOfAThreadNeverStartedFails) {
