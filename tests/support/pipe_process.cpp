@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,6 +35,7 @@ void CloseFd(int& fd) {
 }  // namespace
 
 PipeProcess::PipeProcess(std::vector<std::string> argv, Options options) {
+  RedirectCoverageCounters(options);
   const bool launched = !options.hostTool && !LauncherCommand().empty();
   std::vector<std::string> command = options.hostTool ? argv : ChildCommand(argv);
   if (command.empty()) throw std::invalid_argument("PipeProcess needs a program");
@@ -76,6 +78,19 @@ PipeProcess::PipeProcess(std::vector<std::string> argv, Options options) {
   mOut = out[0];
   mErr = err[0];
   mCollector = std::thread([this] { Collect(); });
+}
+
+// A program run as another user cannot write the counters of a coverage
+// build into the build tree (gcov's runtime would complain on standard error,
+// which the tests compare). Its counters go into a directory of its own,
+// removed with this object; other builds ignore the variable.
+void PipeProcess::RedirectCoverageCounters(Options& options) {
+  if (options.user < 0) return;
+  mCounterDir = std::make_unique<TempDir>();
+  if (::chmod(mCounterDir->path().c_str(), 0777) != 0) {
+    throw std::runtime_error("chmod " + mCounterDir->path() + ": " + std::strerror(errno));
+  }
+  options.env.push_back("GCOV_PREFIX=" + mCounterDir->path());
 }
 
 PipeProcess::~PipeProcess() {

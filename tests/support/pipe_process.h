@@ -9,11 +9,14 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/temp_dir.h"
 
 namespace zel::test {
 
@@ -74,7 +77,11 @@ class PipeProcess {
  private:
   void Collect();
   bool Exited();
+  void RedirectCoverageCounters(Options& options);
 
+  // Where a run as another user writes the counters of a coverage build;
+  // declared first so that it outlives the child.
+  std::unique_ptr<TempDir> mCounterDir;
   pid_t mPid = -1;
   int mStdin = -1;
   int mOut = -1;

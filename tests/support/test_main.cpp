@@ -2,6 +2,7 @@
 // capture, and while a test has standard output on a pseudo-terminal its
 // failures are reported on standard error instead (on standard output they
 // would land in the very terminal output the test is checking).
+#include <signal.h>
 #include <unistd.h>
 
 #include <memory>
@@ -65,10 +66,28 @@ void LaunchDeathTestsLikeThisRun() {
   testing::internal::SetInjectableArgvs(command);
 }
 
+#ifdef KDX_COVERAGE_BUILD
+extern "C" void __gcov_dump(void);
+
+// Death tests end their child with abort(), which skips the exit handlers
+// that write a coverage build's counters; the counters are written first, and
+// the process then dies of the signal as before.
+void DumpCountersAndAbort(int signo) {
+  __gcov_dump();
+  ::signal(signo, SIG_DFL);
+  ::raise(signo);
+}
+
+void DumpCoverageCountersOnAbort() { ::signal(SIGABRT, DumpCountersAndAbort); }
+#else
+void DumpCoverageCountersOnAbort() {}
+#endif
+
 }  // namespace
 
 int main(int argc, char** argv) {
   testing::InitGoogleMock(&argc, argv);
+  DumpCoverageCountersOnAbort();
   // Death tests re-run the executable, which is safe with the threads that
   // socket and monitor tests start.
   GTEST_FLAG_SET(death_test_style, "threadsafe");
