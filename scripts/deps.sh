@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build and the tests need, and nothing when
 # they are all there already. Arguments name a build (release, asan, tsan,
-# size or armhf, which adds the cross compiler and the emulator) or extra
-# packages.
+# size, armhf, which adds the cross compiler and the emulator, or coverage,
+# which adds gcovr) or extra packages.
 set -euo pipefail
 
 # nlohmann-json3-dev is header-only and serves the cross build too;
@@ -15,6 +15,7 @@ for arg in "$@"; do
   case "$arg" in
     release|asan|tsan|size) ;;
     armhf) packages+=(g++-arm-linux-gnueabihf qemu-user) ;;
+    coverage) packages+=(gcovr) ;;
     *) packages+=("$arg") ;;
   esac
 done
