@@ -82,6 +82,7 @@ class PtyProcess {
  private:
   // Collects the wait status if the program has ended; never blocks.
   bool Reaped();
+  void HangUpInACoverageBuild();
 
   Pty mPty;
   struct termios mStartSettings {};
