@@ -6,12 +6,12 @@
 
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
 #include "ipc/client_handle.h"
 #include "tests/ipc/client_test_env.h"
+#include "tests/support/descriptor_filler.h"
 #include "tests/support/wait_until.h"
 
 namespace zel::test {
@@ -32,31 +32,6 @@ const LogRecord kBeyondSelect{LOG_ERR,
                               "zel::ipc::IPCClient* zel::ipc::CreateClientHandle(const char*, const char*, uint32_t) "
                               "64: a new client's descriptors would not fit select (FD_SETSIZE [1024]), no handle "
                               "made\n"};
-
-// Takes up descriptors with copies of standard error until the lowest free
-// number is `next`; gives them back on destruction.
-class DescriptorFiller {
- public:
-  explicit DescriptorFiller(int next) {
-    while (true) {
-      const int fd = dup(STDERR_FILENO);
-      if (fd < 0) return;
-      if (fd >= next) {
-        close(fd);
-        return;
-      }
-      mFds.push_back(fd);
-    }
-  }
-  ~DescriptorFiller() {
-    for (int fd : mFds) close(fd);
-  }
-  DescriptorFiller(const DescriptorFiller&) = delete;
-  DescriptorFiller& operator=(const DescriptorFiller&) = delete;
-
- private:
-  std::vector<int> mFds;
-};
 
 class DestroyHandleTest : public ClientTest {
  protected:

@@ -15,6 +15,7 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "tests/support/descriptor_filler.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/wait_until.h"
 #include "tests/util/monitor_probe.h"
@@ -334,6 +335,24 @@ TEST(FdMonitorTest, DescriptorsSelectCannotWatchAreRefused) {
       ElementsAre(
           LogRecord{LOG_ERR, std::string(kAddFd) + ": fd [1024] cannot be watched by select (FD_SETSIZE [1024])\n"},
           LogRecord{LOG_ERR, std::string(kAddFd) + ": fd [-1] cannot be watched by select (FD_SETSIZE [1024])\n"}));
+}
+
+TEST(FdMonitorTest, AnEventFdBeyondSelectsLimitIsClosedAndNoThreadStarts) {
+  testkit::SettleRuntimeThreads();
+  const size_t threads = testkit::ThreadCount();
+  test::DescriptorFiller filler(FD_SETSIZE);
+  {
+    FdMonitor monitor;
+    EXPECT_EQ(testkit::ThreadCount(), threads);
+    // The eventfd took the first number beyond the limit and gave it back.
+    const int next = dup(STDERR_FILENO);
+    EXPECT_EQ(next, FD_SETSIZE);
+    close(next);
+  }
+  EXPECT_THAT(SyslogCapture::Records(),
+              ElementsAre(LogRecord{LOG_ERR,
+                                    "zel::util::FdMonitor::FdMonitor(): eventfd [1024] cannot be watched by select "
+                                    "(FD_SETSIZE [1024])\n"}));
 }
 
 TEST(FdMonitorTest, AClosedRegisteredDescriptorMakesSelectFailUntilRemoved) {
