@@ -1,7 +1,9 @@
 // Stream socket servers: accepting connections, the registry of peers, data
 // from each peer, and forgetting peers that close.
 #include <fcntl.h>
+#include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "tests/support/descriptor_filler.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/wait_until.h"
 #include "tests/util/inbox.h"
@@ -115,6 +118,25 @@ TEST_F(StreamServerTest, SendReachesATrackedClient) {
   char buffer[8] = {};
   EXPECT_EQ(client->RecvTimedWait(buffer, sizeof(buffer), 5000000), 5);
   EXPECT_STREQ(buffer, "hello");
+}
+
+TEST_F(StreamServerTest, AConnectionSelectCannotWatchIsClosedWithoutACallback) {
+  // The client's socket takes the last number below the limit, the accepted
+  // connection the first beyond it.
+  test::DescriptorFiller filler(FD_SETSIZE - 1);
+  auto client = Connect();
+  ASSERT_EQ(client->GetFd(), FD_SETSIZE - 1);
+  // The server's close shows as the end of the stream; the time limit only
+  // keeps a broken server from hanging the test.
+  const timeval limit{10, 0};
+  ASSERT_EQ(setsockopt(client->GetFd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit)), 0);
+  char byte = 0;
+  EXPECT_EQ(recv(client->GetFd(), &byte, 1, 0), 0);
+  EXPECT_TRUE(mInbox.Connections().empty());
+  EXPECT_TRUE(SyslogCapture::WaitForRecord(
+      {LOG_ERR,
+       "int zel::util::FdMonitor::AddFd(int, zel::util::FdType, zel::util::FdCallbackFn): fd [1024] cannot "
+       "be watched by select (FD_SETSIZE [1024])\n"}));
 }
 
 TEST_F(StreamServerTest, SendToAnUntrackedDescriptorFails) {
