@@ -1,16 +1,25 @@
 // The C binding's results as a C program sees them, through the shared
-// library and its header.
+// library and its header alone.
 #include <kendrivex_ipc.h>
 
 #include "gtest/gtest.h"
-#include "tests/ipc/client_test_env.h"
+#include "tests/support/fake_service.h"
+#include "tests/support/temp_dir.h"
 
 namespace zel::test {
 namespace {
 
-class CBindingTest : public ClientTest {
+class CBindingTest : public ::testing::Test {
  protected:
+  CBindingTest() : mService(mDir.File("service")) {
+    mService.Script(KDX_IPC_REGISTER_EVENT_PATH, FakeService::Answer::Reply("1"));
+    mService.Script(KDX_IPC_UNREGISTER_EVENT_PATH, FakeService::Answer::Reply("1"));
+  }
+
   kdx_ipc_client* Create() { return kdx_ipc_create_client(mService.path().c_str(), mDir.path().c_str(), 7); }
+
+  TempDir mDir;
+  FakeService mService;
 };
 
 TEST_F(CBindingTest, DestroyOfALiveHandleIsOk) {
