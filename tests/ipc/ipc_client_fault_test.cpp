@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -70,12 +71,11 @@ class SignalDuringWait {
   // Signals the calling thread once `service` has its request and the thread
   // sleeps in the reply wait.
   void Arm(FakeService& service) {
-    const pid_t tid = CurrentTid();
-    const pthread_t thread = pthread_self();
-    mSender = std::thread([&service, tid, thread, this] {
-      mArrived = service.WaitForRequestsFor(zel::ipc::Ping, 1) && WaitUntilWaitingInSelect(tid);
-      if (mArrived) pthread_kill(thread, SIGUSR1);
-    });
+    ArmAfter([&service] { return service.WaitForRequestsFor(zel::ipc::Ping, 1); });
+  }
+  // Signals the calling thread once it sleeps in a wait of any kind.
+  void ArmWhenWaiting() {
+    ArmAfter([] { return true; });
   }
   bool Sent() {
     if (mSender.joinable()) mSender.join();
@@ -83,6 +83,15 @@ class SignalDuringWait {
   }
 
  private:
+  void ArmAfter(std::function<bool()> ready) {
+    const pid_t tid = CurrentTid();
+    const pthread_t thread = pthread_self();
+    mSender = std::thread([ready, tid, thread, this] {
+      mArrived = ready() && WaitUntilWaitingInSelect(tid);
+      if (mArrived) pthread_kill(thread, SIGUSR1);
+    });
+  }
+
   struct sigaction mPrevious = {};
   std::thread mSender;
   bool mArrived = false;
@@ -212,6 +221,26 @@ TEST_F(ClientTest, RequestThatCouldNotLeaveIsNotSentLaterAndTheNextOneGoesOut) {
   EXPECT_EQ(client.Send(zel::ipc::Ping).code, zel::ipc::ResultIoFailure);
   EXPECT_EQ(peer.Drain(), Fields{"1"});
   EXPECT_EQ(Count(kRecvTimeOut), 1u);
+}
+
+TEST_F(ClientTest, SignalWhileWaitingForRoomInAFullQueueLeavesTheFullTimeOut) {
+  StuckPeer peer(mDir.File("stuck"));
+  ASSERT_TRUE(peer.Bound());
+  IPCClient client;
+  ASSERT_TRUE(client.SetLocalPath(mDir.File("stuck"), mDir.path(), nullptr));
+  client.SetReplyTimeout(2000000);
+  const size_t filled = peer.Fill();
+  ASSERT_GT(filled, 0u);
+  SignalDuringWait signal;
+  signal.ArmWhenWaiting();
+  const auto start = Clock::now();
+  EXPECT_EQ(client.Send(zel::ipc::Ping).code, zel::ipc::ResultIoFailure);
+  const double waited = SecondsBetween(start, Clock::now());
+  EXPECT_TRUE(signal.Sent());
+  EXPECT_TRUE(HasRecord(SendTimeOut(mDir.File("stuck"), 2000000)));
+  // The request never left, and the wait went on after the signal.
+  EXPECT_EQ(peer.Drain().size(), filled);
+  EXPECT_GE(waited, 1.9);
 }
 
 // The client that the signal handler destroys, as exit() from the program's
