@@ -64,10 +64,12 @@ if [ "$tidy_count" -gt 0 ]; then
     grep -F -m1 -A2 -- "$location: " "$work/tidy.log" | sed 's/,-warnings-as-errors\]$/]/'
   done <"$work/tidy.findings"
 fi
-# A source that clang-tidy could not analyse at all is a failure too.
-tidy_errors=$(grep -cE '^(Error while processing|Found compiler error)' "$work/tidy.log" || true)
+# A source that clang-tidy could not analyse (a compiler error, a crash) is
+# a failure too.
+failed='^(Error while processing|Found compiler error|PLEASE submit a bug report)'
+tidy_errors=$(grep -cE "$failed" "$work/tidy.log" || true)
 if [ "$tidy_errors" -gt 0 ]; then
-  grep -E -B5 '^(Error while processing|Found compiler error)' "$work/tidy.log"
+  grep -E -B5 "$failed" "$work/tidy.log"
 fi
 
 # cppcheck, with the include paths and definitions of the compile database;
