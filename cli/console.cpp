@@ -198,7 +198,7 @@ void Console::GetKeyInfoFromChar(char c, KeyInfo* info) {
   }
 }
 
-// Kept out of line, as is the control-key path: inlined into the per-byte
+// Kept out of line, as is the unknown-key warning: inlined into the per-byte
 // decoder, their register needs would be paid on every printable byte too,
 // which the build for size (link-time optimised) otherwise does.
 [[gnu::noinline]] void Console::GetKeyInfoFromEscape(char c, KeyInfo* info) {
