@@ -39,6 +39,7 @@ void onSignal(int signo) {
   gCli.notifySignal();
   if (signo == SIGSEGV) {
     if (gHaveStartTerminal) tcsetattr(STDIN_FILENO, TCSANOW, &gStartTerminal);
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): exit, not _exit, so that the static objects clean up as designed
     std::exit(-1);
   }
 }
@@ -74,10 +75,13 @@ sigset_t HandledSignals() {
 
 void InstallSignalHandlers() {
   gHaveStartTerminal = tcgetattr(STDIN_FILENO, &gStartTerminal) == 0;
+  // NOLINTBEGIN(cert-err33-c): signal cannot fail for a valid number and handler, and its result is not looked at by
+  // design
   signal(SIGTERM, onSignal);
   signal(SIGINT, onSignal);
   signal(SIGSEGV, onSignal);
   signal(SIGHUP, onHangUp);
+  // NOLINTEND(cert-err33-c)
 }
 
 // Sets the IPC client up with the handled signals blocked, so that the
@@ -116,6 +120,6 @@ int main(int argc, char** argv) {
   gCli.run();
   // The session is over: a hang-up now changes nothing, and the handler must
   // not reach the interface while the static objects are destroyed.
-  signal(SIGHUP, SIG_IGN);
+  signal(SIGHUP, SIG_IGN);  // NOLINT(cert-err33-c): cannot fail for SIGHUP; not looked at by design
   return gHungUp != 0 ? kHungUpStatus : 0;
 }

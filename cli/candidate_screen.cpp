@@ -125,7 +125,7 @@ void CmdLineInterface::CandidateScreen::close() {
 }
 
 // Defined in the scope of the class, so the actions reach its operations.
-const CmdLineInterface::CandidateScreen::KeyBinding CmdLineInterface::CandidateScreen::kKeyBindings[] = {
+constexpr CmdLineInterface::CandidateScreen::KeyBinding CmdLineInterface::CandidateScreen::kKeyBindings[] = {
     {KeyType::Backspace, [](CandidateScreen& screen) { screen.close(); }    },
     {KeyType::Tab,       [](CandidateScreen& screen) { screen.close(); }    },
     {KeyType::Enter,     [](CandidateScreen& screen) { screen.select(); }   },

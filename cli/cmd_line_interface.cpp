@@ -70,6 +70,7 @@ Result CmdLineInterface::setBanner(const std::string& text) {
   return Result::Ok;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as the interface defines it
 void CmdLineInterface::registerCommands(std::vector<Command> cmds) {
   for (const Command& cmd : cmds) addCommand(cmd);
 }
@@ -111,8 +112,9 @@ bool CmdLineInterface::executeLine() {
   if (currentLine.empty()) return true;
   std::vector<std::string> words = SplitWords(currentLine);
   char* argv[kMaxWords] = {};
-  for (size_t i = 0; i < words.size(); ++i) argv[i] = words[i].data();
-  dispatch(static_cast<int>(words.size()), argv);
+  const int argc = static_cast<int>(words.size());
+  for (int i = 0; i < argc; ++i) argv[i] = words[i].data();
+  dispatch(argc, argv);
   return true;
 }
 

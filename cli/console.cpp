@@ -6,8 +6,8 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 
 #include "cli/raw_mode_guard.h"
@@ -73,11 +73,23 @@ constexpr ControlKey kControlKeys[] = {
     {127, KeyType::Backspace},
 };
 
-KeyType ControlKeyType(unsigned char byte) {
-  const auto* row = std::find_if(std::begin(kControlKeys), std::end(kControlKeys),
-                                 [byte](const ControlKey& key) { return key.byte == byte; });
-  return row != std::end(kControlKeys) ? row->type : KeyType::Unknown;
+// The table above indexed by byte, built from it at compile time, so that a
+// control byte costs one load however the build optimises. A byte per entry
+// keeps it at 256 bytes.
+struct ControlKeyIndex {
+  uint8_t type[256];
+};
+
+constexpr ControlKeyIndex IndexControlKeys() {
+  ControlKeyIndex index{};
+  for (uint8_t& type : index.type) type = static_cast<uint8_t>(KeyType::Unknown);
+  for (const ControlKey& key : kControlKeys) index.type[key.byte] = static_cast<uint8_t>(key.type);
+  return index;
 }
+
+constexpr ControlKeyIndex kControlKeyIndex = IndexControlKeys();
+
+KeyType ControlKeyType(unsigned char byte) { return static_cast<KeyType>(kControlKeyIndex.type[byte]); }
 
 // A program started with standard input closed would hand descriptor 0 to the
 // next descriptor it makes (the wake-up eventfd, a socket), which the console
@@ -120,6 +132,12 @@ bool IsPrintable(char c) {
 }
 
 uint16_t ByteValue(char c) { return static_cast<unsigned char>(c); }
+
+// Cold, so that the key decoders are laid out for the keys they know.
+[[gnu::cold, gnu::noinline]] void WarnUnknownKey(char c) {
+  syslog(LOG_WARNING, "%s %d: %s %d : unknown key [0x%x] found", kGetKeyInfoFromAsciiText, 160,
+         kGetKeyInfoFromAsciiShortText, 160, static_cast<unsigned>(ByteValue(c)));
+}
 
 }  // namespace
 
@@ -180,7 +198,10 @@ void Console::GetKeyInfoFromChar(char c, KeyInfo* info) {
   }
 }
 
-void Console::GetKeyInfoFromEscape(char c, KeyInfo* info) {
+// Kept out of line, as is the unknown-key warning: inlined into the per-byte
+// decoder, their register needs would be paid on every printable byte too,
+// which the build for size (link-time optimised) otherwise does.
+[[gnu::noinline]] void Console::GetKeyInfoFromEscape(char c, KeyInfo* info) {
   if (c != kEscape) {
     info->type = KeyType::Unknown;
     return;
@@ -213,9 +234,7 @@ void Console::GetKeyInfoFromEscape(char c, KeyInfo* info) {
 void Console::GetKeyInfoFromAscii(char c, KeyInfo* info) {
   info->key = ByteValue(c);
   info->type = ControlKeyType(static_cast<unsigned char>(c));
-  if (info->type != KeyType::Unknown) return;
-  syslog(LOG_WARNING, "%s %d: %s %d : unknown key [0x%x] found", kGetKeyInfoFromAsciiText, 160,
-         kGetKeyInfoFromAsciiShortText, 160, static_cast<unsigned>(ByteValue(c)));
+  if (info->type == KeyType::Unknown) WarnUnknownKey(c);
 }
 
 bool Console::Write(const std::string& text) {

@@ -46,7 +46,7 @@ bool CmdLineInterface::readKey(Console::KeyInfo* info) {
 
 // Each action is one editor operation; their results do not matter here.
 // Defined in the scope of the class, so the actions reach its operations.
-const CmdLineInterface::KeyBinding CmdLineInterface::kKeyBindings[] = {
+constexpr CmdLineInterface::KeyBinding CmdLineInterface::kKeyBindings[] = {
     {KeyType::Char,      [](CmdLineInterface& cli, char c) { cli.insertChar(c); },                     false},
     {KeyType::Backspace, [](CmdLineInterface& cli, char) { cli.deleteString(1); },                     false},
     {KeyType::Enter,     [](CmdLineInterface& cli, char) { cli.finishLine(); },                        true },

@@ -70,6 +70,7 @@ void CopyResult(const IPCResult& reply, ClientHandleResult& result) {
   const size_t count = std::min(reply.args.size(), static_cast<size_t>(kHandleResultSlots));
   result.count = static_cast<int32_t>(count);
   for (size_t i = 0; i < count; ++i) {
+    // NOLINTNEXTLINE(cert-err33-c): cutting a longer argument off at the slot's size is the design
     std::snprintf(result.args[i], kHandleResultSlotSize - 1, "%s", reply.args[i].c_str());
   }
 }

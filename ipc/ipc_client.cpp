@@ -142,6 +142,8 @@ void IPCClient::UnregisterAtExit() {
   SendHoldingLock(UnregisterEventPath, mEventPath);
 }
 
+// cppcheck-suppress passedByValue ; by value, as the interface defines it
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as the interface defines it
 bool IPCClient::SetLocalPath(std::string server_path, std::string client_prefix, EventCb cb) {
   if (!mClientPath.empty()) return true;
   std::string clientPath;
@@ -191,6 +193,8 @@ IPCResult IPCClient::Failure(int32_t code) {
   return result;
 }
 
+// cppcheck-suppress passedByValue ; by value, as the interface defines it
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as the interface defines it
 IPCResult IPCClient::SendFormatString(std::string line) { return Exchange(line, true); }
 
 IPCResult IPCClient::Exchange(const std::string& line, bool mayReconnect) {
@@ -321,6 +325,8 @@ IPCResult IPCClient::SendRequest(const IPCRequest& request) {
   return SendFormatString(FormatRequest(request));
 }
 
+// cppcheck-suppress passedByValue ; by value, as the interface defines it
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as the interface defines it
 bool IPCClient::EventServerCb(int sf, int cf, std::string path, void* data, size_t len) {
   // The text ends at its first zero byte; an event that filled the server's
   // whole buffer has none and ends with its length instead.

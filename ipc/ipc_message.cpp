@@ -1,6 +1,5 @@
 #include "ipc/ipc_message.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <iterator>
 #include <limits>
@@ -35,11 +34,7 @@ void ParseLine(const std::string& text, int32_t& number, std::vector<std::string
 
 }  // namespace
 
-std::string FormatCommand(uint32_t command) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%u", static_cast<unsigned>(command));
-  return text;
-}
+std::string FormatCommand(uint32_t command) { return std::to_string(command); }
 
 std::string FormatRequest(const IPCRequest& request) {
   std::string line = FormatCommand(request.command);
@@ -50,12 +45,16 @@ std::string FormatRequest(const IPCRequest& request) {
   return line;
 }
 
+// cppcheck-suppress passedByValue ; by value, as the interface defines it
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as the interface defines it
 IPCResult ParseReply(std::string text) {
   IPCResult result;
   ParseLine(text, result.code, result.args);
   return result;
 }
 
+// cppcheck-suppress passedByValue ; by value, as the interface defines it
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as the interface defines it
 IPCEvent ParseEvent(std::string text) {
   IPCEvent event;
   ParseLine(text, event.id, event.args);

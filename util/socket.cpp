@@ -273,6 +273,7 @@ zel::Result Socket::BuildOwnIpAddress(SocketAddress& address, socklen_t& length)
   return zel::Result::Ok;
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as the interface defines it
 zel::Result Socket::SplitAddress(std::string text, std::string& ip, int& port) {
   if (mSocketDomain == SocketDomain::Unix) return zel::Result::Fail;
   if (text.empty()) return zel::Result::Ok;
@@ -297,6 +298,8 @@ zel::Result Socket::SplitAddress(std::string text, std::string& ip, int& port) {
   return zel::Result::Ok;
 }
 
+// cppcheck-suppress passedByValue ; by value, as the interface defines it
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as the interface defines it
 zel::Result Socket::Connect(std::string dest) {
   std::string ip;
   int port = 0;
@@ -452,6 +455,8 @@ ssize_t Socket::SendTo(int fd, const void* buf, size_t len) {
 
 ssize_t Socket::SendTo(int fd, const std::string& data) { return SendTo(fd, data.data(), data.length()); }
 
+// cppcheck-suppress passedByValue ; by value, as the interface defines it
+// NOLINTNEXTLINE(performance-unnecessary-value-param): by value, as the interface defines it
 ssize_t Socket::SendTo(std::string dest, const void* buf, size_t len) {
   if (mFd < 0 || buf == nullptr || len == 0) return -1;
   std::string ip;

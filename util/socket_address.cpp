@@ -21,7 +21,11 @@ std::string UnixPeerText(const sockaddr_un& address, socklen_t length) {
 }
 
 std::string Ipv4PeerText(const sockaddr_in& address) {
-  return std::string(inet_ntoa(address.sin_addr)) + ":" + std::to_string(ntohs(address.sin_port));
+  // Into a buffer of our own: inet_ntoa's one static buffer is shared by
+  // every thread, and each socket server takes datagrams on a thread of its own.
+  char text[INET_ADDRSTRLEN] = {};
+  inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
+  return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
 }
 
 }  // namespace zel::util

@@ -17,6 +17,7 @@ namespace zel::util {
 
 class SocketClient : public Socket {
  public:
+  // cppcheck-suppress duplInheritedMember ; each module has a tag of its own, hiding the socket's on purpose
   static constexpr char kTag[] = "util::SocketClient";
 
   // Binds `path` (empty: unbound) and, for Unix or Stream sockets with a

@@ -182,6 +182,7 @@ ssize_t SocketServer::Send(int fd, const void* buf, size_t len) {
 
 ssize_t SocketServer::Send(int fd, const std::string& data) { return Send(fd, data.data(), data.length()); }
 
+// cppcheck-suppress passedByValue ; by value, as the interface defines it
 ssize_t SocketServer::SendTo(std::string dest, std::string data) {
   return Socket::SendTo(std::move(dest), data.data(), data.length());
 }

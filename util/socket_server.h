@@ -28,6 +28,7 @@ using ConnectCallback = std::function<void(int serverFd, int clientFd, std::stri
 
 class SocketServer : public Socket {
  public:
+  // cppcheck-suppress duplInheritedMember ; each module has a tag of its own, hiding the socket's on purpose
   static constexpr char kTag[] = "util::SocketServer";
 
   // Binds `path`, listens (stream) and, only when `cb` is set, starts the

@@ -70,31 +70,41 @@ void Send(int fd, const std::string& bytes) {
   }
 }
 
-void BM_DecodePrintableByte(benchmark::State& state) {
+// The bytes each decoding benchmark cycles through, 64 of them so that the
+// next index is a mask: the loop around the decoder then compiles to the same
+// few branch-free instructions at -O2 and at -Os, and the two builds differ
+// only in the decoder.
+constexpr size_t kCycle = 64;
+
+std::string Cycle(const std::string& bytes) {
+  std::string cycle;
+  while (cycle.size() < kCycle) cycle += bytes;
+  return cycle.substr(0, kCycle);
+}
+
+void DecodeCycle(benchmark::State& state, const std::string& bytes) {
   Console console;
   Console::KeyInfo info{0, KeyType::Unknown};
-  char c = 32;
-  for (auto _ : state) {
-    console.GetKeyInfoFromChar(c, &info);
+  const std::string cycle = Cycle(bytes);
+  size_t i = 0;
+  for ([[maybe_unused]] auto _ : state) {
+    console.GetKeyInfoFromChar(cycle[i], &info);
     benchmark::DoNotOptimize(info);
-    c = static_cast<char>(c == 126 ? 32 : c + 1);
+    i = (i + 1) & (kCycle - 1);
   }
   state.SetItemsProcessed(state.iterations());
 }
+
+std::string PrintableBytes() {
+  std::string bytes;
+  for (char c = 32; c <= 126; ++c) bytes += c;
+  return bytes;
+}
+
+void BM_DecodePrintableByte(benchmark::State& state) { DecodeCycle(state, PrintableBytes()); }
 BENCHMARK(BM_DecodePrintableByte);
 
-void BM_DecodeControlByte(benchmark::State& state) {
-  Console console;
-  Console::KeyInfo info{0, KeyType::Unknown};
-  const char bytes[] = {2, 6, 8, 9, 10, 13, 14, 16, 127};
-  size_t i = 0;
-  for (auto _ : state) {
-    console.GetKeyInfoFromChar(bytes[i], &info);
-    benchmark::DoNotOptimize(info);
-    i = (i + 1) % sizeof bytes;
-  }
-  state.SetItemsProcessed(state.iterations());
-}
+void BM_DecodeControlByte(benchmark::State& state) { DecodeCycle(state, std::string{2, 6, 8, 9, 10, 13, 14, 16, 127}); }
 BENCHMARK(BM_DecodeControlByte);
 
 // Escape sequences read through a pipe: the decoding and one read per byte,
@@ -105,7 +115,7 @@ void BM_DecodeEscapeSequencesFromPipe(benchmark::State& state) {
   Redirect stdinFromPipe(STDIN_FILENO, input.read);
   Console console;
   Console::KeyInfo info{0, KeyType::Unknown};
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     Send(input.write, batch);
     for (int key = 0; key < 4; ++key) console.GetKeyInfo(&info);
     benchmark::DoNotOptimize(info);
@@ -122,11 +132,16 @@ void BM_GetCharOnTerminal(benchmark::State& state) {
     state.SkipWithError("no pseudo-terminal");
     return;
   }
-  Fd slave(::open(::ptsname(master.get()), O_RDWR | O_NOCTTY));
+  char slaveName[64];
+  if (::ptsname_r(master.get(), slaveName, sizeof slaveName) != 0) {
+    state.SkipWithError("no pseudo-terminal name");
+    return;
+  }
+  Fd slave(::open(slaveName, O_RDWR | O_NOCTTY));
   Redirect stdinFromTerminal(STDIN_FILENO, slave.get());
   Console console;
   const std::string batch(64, 'k');
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     Send(master.get(), batch);
     for (size_t i = 0; i < batch.size(); ++i) benchmark::DoNotOptimize(console.GetChar());
   }
@@ -143,7 +158,7 @@ void BM_EditInTheMiddleOfALongLine(benchmark::State& state) {
   const auto length = static_cast<size_t>(state.range(0));
   Access::currentLine(cli) = std::string(length, 'x');
   Access::cursor(cli) = static_cast<uint32_t>(length / 2);
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     Access::handleKey(cli, 'y', KeyType::Char);
     Access::handleKey(cli, 127, KeyType::Backspace);
   }
@@ -163,7 +178,7 @@ void BM_ReadLongLineWithMiddleEdits(benchmark::State& state) {
   Pipe input;
   Redirect stdinFromPipe(STDIN_FILENO, input.read);
   CmdLineInterface cli;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     Send(input.write, keys);
     Access::readLine(cli);
   }

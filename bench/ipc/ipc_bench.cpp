@@ -21,32 +21,32 @@ std::string ManyFieldReply() {
 
 void BM_SplitFields(benchmark::State& state) {
   const std::string line = ManyFieldReply();
-  for (auto _ : state) benchmark::DoNotOptimize(SplitFields(line, '\t'));
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(SplitFields(line, '\t'));
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * line.size()));
 }
 BENCHMARK(BM_SplitFields);
 
 void BM_ParseReplyPong(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(ParseReply("1\tPONG"));
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(ParseReply("1\tPONG"));
 }
 BENCHMARK(BM_ParseReplyPong);
 
 void BM_ParseReplyTwelveArguments(benchmark::State& state) {
   const std::string line = ManyFieldReply();
-  for (auto _ : state) benchmark::DoNotOptimize(ParseReply(line));
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(ParseReply(line));
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * line.size()));
 }
 BENCHMARK(BM_ParseReplyTwelveArguments);
 
 void BM_FormatRequestRegistration(benchmark::State& state) {
   const IPCRequest request{RegisterEventPath, {"/tmp/ipc_client-812-0-event"}};
-  for (auto _ : state) benchmark::DoNotOptimize(FormatRequest(request));
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(FormatRequest(request));
 }
 BENCHMARK(BM_FormatRequestRegistration);
 
 void BM_JoinFieldsRegistration(benchmark::State& state) {
   const std::vector<std::string> fields{"4", "/tmp/ipc_client-812-0-event"};
-  for (auto _ : state) benchmark::DoNotOptimize(JoinFields(fields, '\t'));
+  for ([[maybe_unused]] auto _ : state) benchmark::DoNotOptimize(JoinFields(fields, '\t'));
 }
 BENCHMARK(BM_JoinFieldsRegistration);
 
@@ -57,7 +57,7 @@ void BM_PingRoundTrip(benchmark::State& state) {
     state.SkipWithError("set-up failed");
     return;
   }
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     const IPCResult result = client.Send(Ping);
     if (result.code != ResultSuccess) {
       state.SkipWithError("ping failed");

@@ -1,23 +1,21 @@
 #include "bench/soak/process_footprint.h"
 
-#include <dirent.h>
-
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <system_error>
 
 namespace zel::bench {
 namespace {
 
-// Entries of a /proc directory, without "." and "..". The descriptor that
-// reads the directory is counted too, alike at every reading.
+// Entries of a /proc directory. The descriptor that reads the directory is
+// counted too, alike at every reading.
 size_t EntriesOf(const char* dir) {
+  std::error_code error;
   size_t count = 0;
-  DIR* stream = ::opendir(dir);
-  if (stream == nullptr) return 0;
-  while (const dirent* entry = ::readdir(stream)) {
-    if (entry->d_name[0] != '.') ++count;
+  for (std::filesystem::directory_iterator entry(dir, error), end; !error && entry != end; entry.increment(error)) {
+    ++count;
   }
-  ::closedir(stream);
   return count;
 }
 

@@ -32,7 +32,9 @@ using zel::bench::ProcessFootprint;
 double SecondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
 [[noreturn]] void Fail(const std::string& what) {
+  // NOLINTNEXTLINE(cert-err33-c): a failed write to standard error has nowhere to be reported
   std::fprintf(stderr, "soak: %s\n", what.c_str());
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): a failed step ends the benchmark at once, whatever other threads do
   std::exit(1);
 }
 
@@ -90,10 +92,10 @@ void SoakClient(const AnsweringService& service, long requests, long events) {
   const double eventSeconds =
       std::chrono::duration<double>(Clock::time_point(Clock::duration(lastEvent.load())) - start).count();
   std::printf("C++ client: %ld requests in %.2f s: %.0f requests/s\n", requests, requestSeconds,
-              requests / requestSeconds);
+              static_cast<double>(requests) / requestSeconds);
   if (events > 0) {
     std::printf("C++ client: %ld events in %.2f s, while the requests ran: %.0f events/s\n", events, eventSeconds,
-                events / eventSeconds);
+                static_cast<double>(events) / eventSeconds);
   }
   Report("C++ client after its soak:", ProcessFootprint::Now());
   client.reset();
@@ -112,7 +114,8 @@ void SoakBinding(const AnsweringService& service, long requests) {
     }
   }
   const double seconds = SecondsSince(start);
-  std::printf("C binding: %ld requests in %.2f s: %.0f requests/s\n", requests, seconds, requests / seconds);
+  std::printf("C binding: %ld requests in %.2f s: %.0f requests/s\n", requests, seconds,
+              static_cast<double>(requests) / seconds);
   Report("C binding after its soak:", ProcessFootprint::Now());
   if (kdx_ipc_destroy_client(handle) != KDX_IPC_OK) Fail("the C binding's client could not be destroyed");
   Report("C binding's client destroyed:", ProcessFootprint::Now());

@@ -48,14 +48,14 @@ void BM_DatagramRoundTrip(benchmark::State& state) {
   // server's own socket; the callback reaches it once it exists.
   std::atomic<SocketServer*> self{nullptr};
   SocketServer server(dir.File("srv"), SocketType::Datagram, SocketDomain::Unix,
-                      [&self](int, int, std::string peer, void* data, size_t len) {
+                      [&self](int, int, const std::string& peer, void* data, size_t len) {
                         return self.load()->SendTo(peer, std::string(static_cast<char*>(data), len)) > 0;
                       });
   self = &server;
   SocketClient client(dir.File("cli"), SocketType::Datagram, SocketDomain::Unix, dir.File("srv"));
   std::vector<char> out(size, 'r');
   std::vector<char> in(size + 1);
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     client.Send(out.data(), out.size());
     const ssize_t n = client.RecvTimedWait(in.data(), in.size(), 5000000);
     if (n != static_cast<ssize_t>(size)) state.SkipWithError("lost datagram");
@@ -86,7 +86,7 @@ void BM_FdMonitorDispatch(benchmark::State& state) {
       done.notify_one();
     });
     uint64_t expected = 0;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
       ++expected;
       if (write(fds[1], "x", 1) != 1) state.SkipWithError("write failed");
       std::unique_lock<std::mutex> lock(mutex);
@@ -104,7 +104,7 @@ void BM_ConnectedSendRecv(benchmark::State& state) {
   Socket server(dir.File("srv"), SocketType::Datagram, SocketDomain::Unix);
   SocketClient client(dir.File("cli"), SocketType::Datagram, SocketDomain::Unix, dir.File("srv"));
   char buffer[64];
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     client.Send("0123456789abcdef", 16);
     benchmark::DoNotOptimize(server.Recv(buffer, sizeof(buffer)));
   }
@@ -121,7 +121,7 @@ void BM_FdMonitorAddRemove(benchmark::State& state) {
   }
   {
     FdMonitor monitor;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
       monitor.AddFd(fds[0], FdType::Read, [](int, FdType) {});
       monitor.RemoveFd(fds[0], FdType::Read);
     }

@@ -49,9 +49,9 @@ void SetUpChildInput(PtyProcess::Input input, int slave, int inputFd) {
 
 }  // namespace
 
-PtyProcess::PtyProcess(std::vector<std::string> argv) : PtyProcess(std::move(argv), Options()) {}
+PtyProcess::PtyProcess(const std::vector<std::string>& argv) : PtyProcess(argv, Options()) {}
 
-PtyProcess::PtyProcess(std::vector<std::string> argv, Options options) {
+PtyProcess::PtyProcess(const std::vector<std::string>& argv, Options options) {
   const bool launched = !LauncherCommand().empty();
   std::vector<std::string> command = ChildCommand(argv);
   const std::string program = ResolveProgram(command[0]);

@@ -39,8 +39,8 @@ class PtyProcess {
     std::string inputPath = std::string();
   };
 
-  explicit PtyProcess(std::vector<std::string> argv);
-  PtyProcess(std::vector<std::string> argv, Options options);
+  explicit PtyProcess(const std::vector<std::string>& argv);
+  PtyProcess(const std::vector<std::string>& argv, Options options);
   ~PtyProcess();
   PtyProcess(const PtyProcess&) = delete;
   PtyProcess& operator=(const PtyProcess&) = delete;

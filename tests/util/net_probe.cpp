@@ -64,7 +64,7 @@ std::string LocalUnixPath(int fd) {
   if (length <= header) return "";
   std::string path(address.sun_path, length - header);
   // Path names carry their terminating NUL in the length; abstract names do not.
-  if (!path.empty() && path[0] != '\0') path = path.c_str();
+  if (!path.empty() && path[0] != '\0') path.resize(std::strlen(path.c_str()));
   return path;
 }
 

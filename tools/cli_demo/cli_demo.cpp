@@ -36,7 +36,7 @@ Result Colors(CmdLineInterface& cli) {
     // Through stdio like every command's output; flushed before the console
     // writes the next colour directly to the terminal.
     std::printf("%s ", name);
-    std::fflush(stdout);
+    std::fflush(stdout);  // NOLINT(cert-err33-c): a demo on a terminal has nowhere to report a failed write
   }
   cli.setColor(Console::Color::Reset);
   std::printf("\n");

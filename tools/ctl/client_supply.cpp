@@ -124,7 +124,7 @@ bool ClientSupply::MoveToPrivateDirectory(Failure& failure) {
   {
     SignalBlock block;
     if (::mkdtemp(name.data()) == nullptr) {
-      failure = Fail(kStatusLocal, pattern, std::strerror(errno));
+      failure = Fail(kStatusLocal, pattern, ErrorText(errno));
       return false;
     }
     mPrivateDir = name.data();

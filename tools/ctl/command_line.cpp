@@ -2,6 +2,7 @@
 
 #include <getopt.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <limits>
 
@@ -18,6 +19,7 @@ const char kBatchWord[] = "-";
 
 // An environment variable's value; unset and empty are the same.
 std::string FromEnvironment(const char* name) {
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nothing in this program changes its environment
   const char* value = std::getenv(name);
   return value != nullptr ? value : "";
 }
@@ -81,16 +83,17 @@ bool CommandLine::Parse(Invocation& invocation, Failure& failure) {
   std::vector<char*> args(mArgv, mArgv + mArgc);
   size_t first = 0;
   if (!ReadOptions(args, first)) return false;
-  std::vector<std::string> words(args.begin() + first, args.end());
+  const auto commandAt = args.begin() + static_cast<std::ptrdiff_t>(first);
+  std::vector<std::string> words(commandAt, args.end());
   // A command without arguments may be followed by more options, as in
   // "watch --json"; after any other command every word is an argument.
   if (!words.empty() && TakesNoArguments(words[0])) {
     std::vector<char*> rest = {mArgv[0]};
-    rest.insert(rest.end(), args.begin() + first + 1, args.end());
+    rest.insert(rest.end(), commandAt + 1, args.end());
     size_t next = 0;
     if (!ReadOptions(rest, next)) return false;
     words.resize(1);
-    words.insert(words.end(), rest.begin() + next, rest.end());
+    words.insert(words.end(), rest.begin() + static_cast<std::ptrdiff_t>(next), rest.end());
   }
   if (invocation.mode == Invocation::Mode::Help || invocation.mode == Invocation::Mode::Version) return true;
   return ReadCommand(words) && CheckWatchOptions() && CheckService();
@@ -112,6 +115,7 @@ bool CommandLine::ReadOptions(std::vector<char*>& args, size_t& first) {
   optind = 0;
   while (true) {
     int longIndex = -1;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): the command line is read on the main thread before any other starts
     const int letter = getopt_long(count, args.data(), shortOptions.c_str(), longOptions.data(), &longIndex);
     if (letter == -1) break;
     if (letter == '?') {

@@ -52,14 +52,15 @@ class SpawnAttributes {
 // where posix_spawn would report the failed exec).
 bool Executable(const std::string& program) {
   if (program.find('/') != std::string::npos) return ::access(program.c_str(), X_OK) == 0;
-  const char* path = std::getenv("PATH");
+  const char* path = std::getenv("PATH");  // NOLINT(concurrency-mt-unsafe): nothing here changes the environment
   std::string dirs = path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
   size_t start = 0;
   while (start <= dirs.size()) {
     size_t end = dirs.find(':', start);
     if (end == std::string::npos) end = dirs.size();
-    const std::string dir = end > start ? dirs.substr(start, end - start) : ".";
-    if (::access((dir + "/" + program).c_str(), X_OK) == 0) return true;
+    std::string candidate = end > start ? dirs.substr(start, end - start) : ".";
+    candidate.append("/").append(program);
+    if (::access(candidate.c_str(), X_OK) == 0) return true;
     start = end + 1;
   }
   return false;
@@ -77,6 +78,7 @@ bool EventProgram::Start(const zel::ipc::IPCEvent& event, Failure& failure) {
   std::vector<std::string> words = {mProgram, std::to_string(event.id)};
   words.insert(words.end(), event.args.begin(), event.args.end());
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   if (!Executable(mProgram)) {
@@ -92,7 +94,7 @@ bool EventProgram::Start(const zel::ipc::IPCEvent& event, Failure& failure) {
   const int error = posix_spawnp(&mPid, mProgram.c_str(), nullptr, attributes.Get(), argv.data(), environ);
   if (error != 0) {
     mPid = -1;
-    failure = Fail(kStatusLocal, mProgram, std::string("cannot start: ") + std::strerror(error));
+    failure = Fail(kStatusLocal, mProgram, "cannot start: " + ErrorText(error));
     return false;
   }
   return true;
@@ -109,7 +111,7 @@ bool EventProgram::Reap(Failure& failure) {
   mPid = -1;
   failure = Failure();
   if (done > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0) return true;
-  failure = Fail(kStatusRefused, mProgram, done > 0 ? HowItEnded(status) : std::strerror(errno));
+  failure = Fail(kStatusRefused, mProgram, done > 0 ? HowItEnded(status) : ErrorText(errno));
   return true;
 }
 

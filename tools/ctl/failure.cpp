@@ -1,5 +1,6 @@
 #include "tools/ctl/failure.h"
 
+#include <cstring>
 #include <utility>
 
 namespace zel::ctl {
@@ -12,6 +13,12 @@ Failure Fail(int status, std::string what, std::string why) {
   failure.what = std::move(what);
   failure.why = std::move(why);
   return failure;
+}
+
+std::string ErrorText(int error) {
+  char buffer[256];
+  // The GNU form: the text is in the buffer or in a constant string.
+  return ::strerror_r(error, buffer, sizeof buffer);
 }
 
 }  // namespace zel::ctl

@@ -28,4 +28,8 @@ struct Failure {
 // Shorthand for building a failure in one expression.
 Failure Fail(int status, std::string what, std::string why);
 
+// The C library's text for an errno value. Callable from any thread, which
+// strerror is not.
+std::string ErrorText(int error);
+
 }  // namespace zel::ctl

@@ -51,6 +51,7 @@ std::string LineFormat::UtcTime(const timespec& moment) {
   const time_t seconds = moment.tv_sec;
   gmtime_r(&seconds, &parts);
   char text[64];
+  // NOLINTNEXTLINE(cert-err33-c): 64 bytes hold every time of this form, so nothing is cut off
   std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", parts.tm_year + 1900, parts.tm_mon + 1,
                 parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, moment.tv_nsec / kNanosecondsPerMillisecond);
   return text;

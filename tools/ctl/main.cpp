@@ -57,17 +57,20 @@ int Run(const Invocation& invocation, Output& output) {
 int Finish(const Output& output, int status) {
   if (!output.Broken()) return status;
   if (output.Error() == EPIPE) {
+    // NOLINTBEGIN(cert-err33-c): cannot fail for SIGPIPE; if the signal did not end the program, the failure
+    // below is reported instead
     signal(SIGPIPE, SIG_DFL);
     raise(SIGPIPE);
+    // NOLINTEND(cert-err33-c)
   }
-  Output::Report(Fail(kStatusLocal, "standard output", std::strerror(output.Error())));
+  Output::Report(Fail(kStatusLocal, "standard output", ErrorText(output.Error())));
   return kStatusLocal;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  signal(SIGPIPE, SIG_IGN);
+  signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): cannot fail for SIGPIPE
   Invocation invocation;
   Failure failure;
   if (!CommandLine(argc, argv).Parse(invocation, failure)) {

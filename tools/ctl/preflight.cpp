@@ -16,8 +16,6 @@ namespace {
 const char kLastSlotSuffix[] = "-9";
 const char kEventSuffix[] = "-event";
 
-std::string Reason(int error) { return std::strerror(error); }
-
 bool Fits(const std::string& path) { return path.size() <= Preflight::kMaxSocketPath; }
 
 // Whether a datagram socket bound at `path` takes datagrams, without sending
@@ -45,7 +43,7 @@ const size_t Preflight::kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 bool Preflight::CheckService(const std::string& path, Failure& failure) {
   struct stat info {};
   if (::stat(path.c_str(), &info) != 0) {
-    failure = Fail(kStatusUnreachable, path, Reason(errno));
+    failure = Fail(kStatusUnreachable, path, ErrorText(errno));
     return false;
   }
   if (!S_ISSOCK(info.st_mode)) {
@@ -58,7 +56,7 @@ bool Preflight::CheckService(const std::string& path, Failure& failure) {
   }
   int error = 0;
   if (!Reachable(path, error)) {
-    failure = Fail(kStatusUnreachable, path, Reason(error));
+    failure = Fail(kStatusUnreachable, path, ErrorText(error));
     return false;
   }
   return true;
@@ -67,7 +65,7 @@ bool Preflight::CheckService(const std::string& path, Failure& failure) {
 bool Preflight::CheckDirectory(const std::string& dir, bool withEvents, Failure& failure) {
   struct stat info {};
   if (::stat(dir.c_str(), &info) != 0) {
-    failure = Fail(kStatusLocal, dir, Reason(errno));
+    failure = Fail(kStatusLocal, dir, ErrorText(errno));
     return false;
   }
   if (!S_ISDIR(info.st_mode)) {
@@ -75,7 +73,7 @@ bool Preflight::CheckDirectory(const std::string& dir, bool withEvents, Failure&
     return false;
   }
   if (::access(dir.c_str(), W_OK | X_OK) != 0) {
-    failure = Fail(kStatusLocal, dir, "not writable: " + Reason(errno));
+    failure = Fail(kStatusLocal, dir, "not writable: " + ErrorText(errno));
     return false;
   }
   if (!Fits(LongestClientPath(dir, withEvents))) {

@@ -42,6 +42,12 @@ int WaitForStopSignal(const sigset_t& signals) {
   return signo;
 }
 
+// Writes a message for the user. A write to standard output or error that
+// fails has nowhere to be reported, so its result is not looked at.
+void Print(std::FILE* stream, const std::string& text) {
+  std::fputs(text.c_str(), stream);  // NOLINT(cert-err33-c): see above
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -51,17 +57,17 @@ int main(int argc, char** argv) {
   std::string error;
   switch (zel::sim::SimOptions::Parse(args, options, error)) {
     case zel::sim::SimOptions::Outcome::Help:
-      std::fputs(zel::sim::SimOptions::Usage(program).c_str(), stdout);
+      Print(stdout, zel::sim::SimOptions::Usage(program));
       return 0;
     case zel::sim::SimOptions::Outcome::Error:
-      std::fprintf(stderr, "%s: %s\n%s", program.c_str(), error.c_str(), zel::sim::SimOptions::Usage(program).c_str());
+      Print(stderr, program + ": " + error + "\n" + zel::sim::SimOptions::Usage(program));
       return kStatusUsage;
     case zel::sim::SimOptions::Outcome::Run:
       break;
   }
   const std::string problem = zel::sim::ServicePath::Problem(options.socketPath);
   if (!problem.empty()) {
-    std::fprintf(stderr, "%s: %s\n", program.c_str(), problem.c_str());
+    Print(stderr, program + ": " + problem + "\n");
     return kStatusUsage;
   }
 
@@ -69,17 +75,17 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   // A report reader that went away (a closed pipe) must not end the service
   // before it has removed its socket file; the lines are simply lost.
-  signal(SIGPIPE, SIG_IGN);
+  signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): cannot fail for SIGPIPE
 
   auto log = options.logPath.empty() ? std::make_unique<zel::sim::SimLog>()
                                      : std::make_unique<zel::sim::SimLog>(options.logPath);
   if (!log->Ok()) {
-    std::fprintf(stderr, "%s: cannot open the log file [%s]\n", program.c_str(), options.logPath.c_str());
+    Print(stderr, program + ": cannot open the log file [" + options.logPath + "]\n");
     return kStatusFailure;
   }
   auto service = std::make_unique<zel::sim::SimService>(options, *log);
   if (!service->Ready()) {
-    std::fprintf(stderr, "%s: cannot bind a socket at [%s]\n", program.c_str(), options.socketPath.c_str());
+    Print(stderr, program + ": cannot bind a socket at [" + options.socketPath + "]\n");
     return kStatusFailure;
   }
   log->Line("serving on [" + options.socketPath + "]");

@@ -25,7 +25,7 @@ uint32_t CommandOf(const std::vector<std::string>& fields) {
   return value > std::numeric_limits<uint32_t>::max() ? 0 : static_cast<uint32_t>(value);
 }
 
-RequestHandler::Answer Reply(std::vector<std::string> fields, std::string note = std::string()) {
+RequestHandler::Answer Reply(const std::vector<std::string>& fields, std::string note = std::string()) {
   RequestHandler::Answer answer;
   answer.reply = true;
   answer.text = zel::ipc::JoinFields(fields, zel::ipc::kFieldSeparator);

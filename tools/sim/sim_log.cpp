@@ -31,9 +31,10 @@ void AppendEscaped(std::string& out, unsigned char c) {
       break;
   }
   if (c < 0x20 || c >= 0x7f) {
-    char hex[5];
-    std::snprintf(hex, sizeof hex, "\\x%02x", c);
-    out += hex;
+    constexpr char kHexDigits[] = "0123456789abcdef";
+    out += "\\x";
+    out += kHexDigits[(c >> 4) & 0xf];
+    out += kHexDigits[c & 0xf];
     return;
   }
   out += static_cast<char>(c);

@@ -18,12 +18,12 @@ SimService::SimService(const SimOptions& options, SimLog& log)
       mHandler(options, mPaths),
       mPusher(mPaths, log, EventPusher::Line(options.eventId, options.eventText),
               std::chrono::milliseconds(options.eventIntervalMs)),
-      mServer(std::make_unique<SocketServer>(options.socketPath, SocketType::Datagram, SocketDomain::Unix,
-                                             [this](int serverFd, int, std::string peer, void* data, size_t length) {
-                                               OnRequest(serverFd, peer,
-                                                         std::string(static_cast<const char*>(data), length));
-                                               return true;
-                                             })) {}
+      mServer(std::make_unique<SocketServer>(
+          options.socketPath, SocketType::Datagram, SocketDomain::Unix,
+          [this](int serverFd, int, const std::string& peer, void* data, size_t length) {
+            OnRequest(serverFd, peer, std::string(static_cast<const char*>(data), length));
+            return true;
+          })) {}
 
 SimService::~SimService() {
   // Nothing more is pushed or sent late; requests still arriving until the

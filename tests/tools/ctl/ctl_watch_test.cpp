@@ -129,7 +129,9 @@ TEST_F(CtlWatchTest, CountEndsTheWatchAfterTheNthEvent) {
   const std::string eventPath = StartWatch({"--count", "2"});
   ASSERT_TRUE(fake->SendTo(eventPath, "1\tone"));
   ASSERT_TRUE(fake->SendTo(eventPath, "2\ttwo"));
-  ASSERT_TRUE(fake->SendTo(eventPath, "3\tthree"));
+  // The watch may have ended and removed its socket by now, and then this
+  // event has nowhere to go; either way it must not be printed.
+  static_cast<void>(fake->SendTo(eventPath, "3\tthree"));
   const Result result = watch->Finish();
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 2);
