@@ -2,10 +2,9 @@
 # Runs the end-to-end session tests of the release build (tests/app: the real
 # client on a pseudo-terminal; all of app_test, but not the event flood, whose
 # speed goals valgrind's slowdown would fail) with the client under valgrind
-# memcheck, and
-# fails unless the tests pass and every client run reports no error and no
-# byte definitely or indirectly lost. Uses the build that scripts/test.sh
-# made; builds nothing. Usage: scripts/memcheck.sh
+# memcheck, and fails unless the tests pass and every client run reports no
+# error and no byte definitely or indirectly lost. Uses the build that
+# scripts/test.sh made; builds nothing. Usage: scripts/memcheck.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
