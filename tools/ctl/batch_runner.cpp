@@ -68,7 +68,7 @@ int BatchRunner::Run(FILE* input) {
     int status = kStatusOk;
     if (!CommandRequest::Parse(words, request, failure)) {
       status = failure.status;
-    } else if (!request.spec->inBatch) {
+    } else if (!request.entry->inBatch) {
       failure = Fail(kStatusUsage, request.typed, "not on a line of standard input");
       status = failure.status;
     } else {

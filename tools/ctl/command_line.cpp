@@ -48,9 +48,9 @@ bool ParseCount(const char* text, uint32_t max, uint32_t& value) {
 // getopt_long's description of the option table, ended by a zero entry.
 std::vector<option> LongOptions() {
   std::vector<option> options;
-  for (const OptionSpec& spec : OptionTable::All()) {
+  for (const OptionSpec& entry : OptionTable::All()) {
     options.push_back(
-        {spec.longName, spec.valueName != nullptr ? required_argument : no_argument, nullptr, spec.shortName});
+        {entry.longName, entry.valueName != nullptr ? required_argument : no_argument, nullptr, entry.shortName});
   }
   options.push_back({nullptr, 0, nullptr, 0});
   return options;
@@ -60,9 +60,9 @@ std::vector<option> LongOptions() {
 // ":" reports a missing value apart from an unknown option.
 std::string ShortOptions() {
   std::string text = "+:";
-  for (const OptionSpec& spec : OptionTable::All()) {
-    text += spec.shortName;
-    if (spec.valueName != nullptr) text += ':';
+  for (const OptionSpec& entry : OptionTable::All()) {
+    text += entry.shortName;
+    if (entry.valueName != nullptr) text += ':';
   }
   return text;
 }
@@ -101,8 +101,8 @@ bool CommandLine::Parse(Invocation& invocation, Failure& failure) {
 
 bool CommandLine::TakesNoArguments(const std::string& word) {
   if (word == kBatchWord) return true;
-  const CommandSpec* spec = CommandTable::Find(word);
-  return spec != nullptr && !spec->takesArguments;
+  const CommandSpec* entry = CommandTable::Find(word);
+  return entry != nullptr && !entry->takesArguments;
 }
 
 bool CommandLine::ReadOptions(std::vector<char*>& args, size_t& first) {
@@ -183,7 +183,7 @@ bool CommandLine::ReadCommand(const std::vector<std::string>& words) {
     return true;
   }
   if (!CommandRequest::Parse(words, mInvocation->request, *mFailure)) return false;
-  const bool watch = mInvocation->request.spec->kind == CommandKind::Watch;
+  const bool watch = mInvocation->request.entry->kind == CommandKind::Watch;
   mInvocation->mode = watch ? Invocation::Mode::Watch : Invocation::Mode::OneShot;
   return true;
 }

@@ -61,17 +61,17 @@ bool CommandRequest::Parse(const std::vector<std::string>& words, CommandRequest
     return false;
   }
   request.typed = words[0];
-  request.spec = CommandTable::Find(words[0]);
-  if (request.spec == nullptr) {
+  request.entry = CommandTable::Find(words[0]);
+  if (request.entry == nullptr) {
     failure = Fail(kStatusUsage, request.typed, "unknown command (try --help)");
     return false;
   }
-  if (request.spec->kind == CommandKind::Send) return ParseSend(words, request, failure);
+  if (request.entry->kind == CommandKind::Send) return ParseSend(words, request, failure);
   if (words.size() > 1) {
     failure = Fail(kStatusUsage, request.typed, "takes no arguments, not \"" + words[1] + "\"");
     return false;
   }
-  request.number = FixedNumber(request.spec->kind);
+  request.number = FixedNumber(request.entry->kind);
   return true;
 }
 

@@ -13,7 +13,7 @@
 namespace zel::ctl {
 
 struct CommandRequest {
-  const CommandSpec* spec = nullptr;
+  const CommandSpec* entry = nullptr;
   std::string typed;                // the command word as typed, for error lines
   uint32_t number = 0;              // the command number sent (0 for watch)
   std::vector<std::string> fields;  // the request's fields after the number

@@ -16,8 +16,8 @@ const std::vector<CommandSpec>& CommandTable::All() {
 }
 
 const CommandSpec* CommandTable::Find(const std::string& word) {
-  for (const CommandSpec& spec : All()) {
-    if (word == spec.name || (spec.alias != nullptr && word == spec.alias)) return &spec;
+  for (const CommandSpec& entry : All()) {
+    if (word == entry.name || (entry.alias != nullptr && word == entry.alias)) return &entry;
   }
   return nullptr;
 }

@@ -36,11 +36,11 @@ std::string Columns(const std::vector<Row>& rows) {
 
 std::vector<Row> CommandRows() {
   std::vector<Row> rows;
-  for (const CommandSpec& spec : CommandTable::All()) {
-    std::string left = spec.name;
-    if (spec.alias != nullptr) left += std::string(" (") + spec.alias + ")";
-    if (*spec.arguments != '\0') left += std::string(" ") + spec.arguments;
-    rows.emplace_back(left, spec.summary);
+  for (const CommandSpec& entry : CommandTable::All()) {
+    std::string left = entry.name;
+    if (entry.alias != nullptr) left += std::string(" (") + entry.alias + ")";
+    if (*entry.arguments != '\0') left += std::string(" ") + entry.arguments;
+    rows.emplace_back(left, entry.summary);
   }
   rows.emplace_back("-", "read commands from standard input, one a line");
   return rows;
@@ -48,10 +48,10 @@ std::vector<Row> CommandRows() {
 
 std::vector<Row> OptionRows() {
   std::vector<Row> rows;
-  for (const OptionSpec& spec : OptionTable::All()) {
-    std::string left = std::string("-") + spec.shortName + ", --" + spec.longName;
-    if (spec.valueName != nullptr) left += std::string(" ") + spec.valueName;
-    rows.emplace_back(left, spec.summary);
+  for (const OptionSpec& entry : OptionTable::All()) {
+    std::string left = std::string("-") + entry.shortName + ", --" + entry.longName;
+    if (entry.valueName != nullptr) left += std::string(" ") + entry.valueName;
+    rows.emplace_back(left, entry.summary);
   }
   return rows;
 }

@@ -52,11 +52,11 @@ int RequestRunner::Run(const CommandRequest& request, const std::string& where) 
 }
 
 int RequestRunner::Print(const CommandRequest& request, const zel::ipc::IPCResult& result, Failure& failure) {
-  if (mSettings.json) mOutput.Write(LineFormat::JsonReply(request.spec->name, result));
+  if (mSettings.json) mOutput.Write(LineFormat::JsonReply(request.entry->name, result));
   std::string text;
   std::string why;
   bool success = false;
-  switch (request.spec->kind) {
+  switch (request.entry->kind) {
     case CommandKind::Ping:
       success = FirstField(result, "the service's reply holds no answer", text, why);
       break;
@@ -76,7 +76,7 @@ int RequestRunner::Print(const CommandRequest& request, const zel::ipc::IPCResul
       if (!success) why = AnsweredCode(result.code);
       break;
   }
-  const bool printsPlain = success || request.spec->kind == CommandKind::Send;
+  const bool printsPlain = success || request.entry->kind == CommandKind::Send;
   if (!mSettings.json && printsPlain) mOutput.Write(text);
   if (success) return kStatusOk;
   failure = Fail(kStatusRefused, request.typed, why);
