@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <functional>
+#include <iterator>
 #include <string>
 
 #include "app/globals.h"
@@ -53,11 +54,23 @@ zel::cli::Result wlanMac(int /*argc*/, char** /*argv*/) {
 }
 
 std::vector<CmdLineInterface::Command> MakeDeviceCommands() {
+  // The device commands as data: name, help line, usage and handler. One loop
+  // builds the interface's table from them.
+  struct DeviceCommand {
+    const char* name;
+    const char* explain;
+    zel::cli::Result (*handler)(int, char**);
+  };
+  static constexpr DeviceCommand kDeviceCommands[] = {
+      {"send_ping",         "send ping message to get 'PONG' response", sendPing   },
+      {"atcmd_wlanapclist", "get all connected station for wifi AP",    wlanApClist},
+      {"atcmd_wlanmac",     "get wif AP's mac address",                 wlanMac    },
+  };
   std::vector<CmdLineInterface::Command> commands;
-  commands.reserve(3);
-  commands.push_back({"send_ping", "send ping message to get 'PONG' response", "send_ping", Bind(sendPing)});
-  commands.push_back(
-      {"atcmd_wlanapclist", "get all connected station for wifi AP", "atcmd_wlanapclist", Bind(wlanApClist)});
-  commands.push_back({"atcmd_wlanmac", "get wif AP's mac address", "atcmd_wlanmac", Bind(wlanMac)});
+  commands.reserve(std::size(kDeviceCommands));
+  // The usage of a device command is its name: none takes arguments.
+  for (const DeviceCommand& command : kDeviceCommands) {
+    commands.push_back({command.name, command.explain, command.name, Bind(command.handler)});
+  }
   return commands;
 }

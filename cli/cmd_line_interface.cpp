@@ -48,13 +48,21 @@ CmdLineInterface::CmdLineInterface()
       maxExplainWidth(0),
       browsingHistory(0),
       historyOffset(0) {
-  using std::placeholders::_1;
-  using std::placeholders::_2;
-  registerCommands({
-      {"help", "show commands list", "help", std::bind(&CmdLineInterface::showHelp, this, _1, _2)},
-      {"exit", "exit program",       "exit", std::bind(&CmdLineInterface::stop,     this, _1, _2)},
-      {"quit", "quit program",       "quit", std::bind(&CmdLineInterface::stop,     this, _1, _2)},
-  });
+  // The built-ins as data; the usage of each is its name.
+  struct BuiltIn {
+    const char* name;
+    const char* explain;
+    Result (CmdLineInterface::*handler)(int, char**);
+  };
+  static constexpr BuiltIn kBuiltIns[] = {
+      {"help", "show commands list", &CmdLineInterface::showHelp},
+      {"exit", "exit program",       &CmdLineInterface::stop    },
+      {"quit", "quit program",       &CmdLineInterface::stop    },
+  };
+  for (const BuiltIn& builtIn : kBuiltIns) {
+    addCommand({builtIn.name, builtIn.explain, builtIn.name,
+                std::bind(builtIn.handler, this, std::placeholders::_1, std::placeholders::_2)});
+  }
 }
 
 // Out of line, where CandidateScreen is complete.

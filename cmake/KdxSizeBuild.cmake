@@ -25,6 +25,10 @@ function(kdx_size_build_options)
     return()
   endif()
   add_compile_options(-Os -ffunction-sections -fdata-sections)
+  # No run-time type information: nothing asks for a type by name, and the
+  # names of the callable types behind every std::function cost kilobytes.
+  # Exceptions keep the type information they need to be caught.
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>)
   add_link_options(LINKER:--gc-sections)
   # Archives of LTO objects need the compiler's archiver wrapper, which gives
   # the linker an index of the intermediate form's symbols too.
