@@ -1,7 +1,6 @@
 #include "app/device_commands.h"
 
 #include <cstdio>
-#include <functional>
 #include <iterator>
 #include <string>
 
@@ -15,10 +14,6 @@ namespace {
 
 // Only a reply the service marked as carried out counts.
 bool Succeeded(const IPCResult& result) { return result.code == zel::ipc::ResultSuccess; }
-
-CmdLineInterface::CommandHandler Bind(zel::cli::Result (*handler)(int, char**)) {
-  return std::bind(handler, std::placeholders::_1, std::placeholders::_2);
-}
 
 }  // namespace
 
@@ -38,7 +33,10 @@ zel::cli::Result wlanApClist(int /*argc*/, char** /*argv*/) {
       text = "NO CONNECTED STATION\n";
     } else {
       text.clear();
-      for (const std::string& station : result.args) text += station + "\n";
+      for (const std::string& station : result.args) {
+        text += station;
+        text += '\n';
+      }
     }
   }
   std::printf("%s", text.c_str());
@@ -47,9 +45,11 @@ zel::cli::Result wlanApClist(int /*argc*/, char** /*argv*/) {
 
 zel::cli::Result wlanMac(int /*argc*/, char** /*argv*/) {
   const IPCResult result = gIpcClient.Send(zel::ipc::WlanMac);
-  std::string text = "FAILED";
-  if (Succeeded(result) && !result.args.empty()) text = "WIFI MAC: " + result.args.front();
-  std::puts(text.c_str());
+  if (Succeeded(result) && !result.args.empty()) {
+    std::printf("WIFI MAC: %s\n", result.args.front().c_str());
+  } else {
+    std::puts("FAILED");
+  }
   return zel::cli::Result::Ok;
 }
 
@@ -70,7 +70,7 @@ std::vector<CmdLineInterface::Command> MakeDeviceCommands() {
   commands.reserve(std::size(kDeviceCommands));
   // The usage of a device command is its name: none takes arguments.
   for (const DeviceCommand& command : kDeviceCommands) {
-    commands.push_back({command.name, command.explain, command.name, Bind(command.handler)});
+    commands.push_back({command.name, command.explain, command.name, command.handler});
   }
   return commands;
 }

@@ -90,7 +90,7 @@ void InstallSignalHandlers() {
 // came during set-up (which can wait for the service's answer) reaches a
 // handler rather than ending the program with its socket files left behind.
 bool SetUpIpcClient(const std::string& serverPath, const std::string& clientPathPrefix) {
-  zel::ipc::IPCClient::EventCb eventCb = std::bind(onIpcEvent, std::placeholders::_1);
+  zel::ipc::IPCClient::EventCb eventCb = onIpcEvent;
   const sigset_t handled = HandledSignals();
   sigset_t previous;
   pthread_sigmask(SIG_BLOCK, &handled, &previous);

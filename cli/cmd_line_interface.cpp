@@ -19,6 +19,19 @@ std::string Padded(const std::string& text, uint32_t width) {
   return padded;
 }
 
+// One line of the help table: the name and the help text padded to their
+// columns, then the usage. The heading is a line of the same form.
+std::string HelpLine(const std::string& name, const std::string& explain, const std::string& usage, uint32_t nameWidth,
+                     uint32_t explainWidth) {
+  std::string line = Padded(name, nameWidth);
+  line += '\t';
+  line += Padded(explain, explainWidth);
+  line += '\t';
+  line += usage;
+  line += '\n';
+  return line;
+}
+
 // Splits at blanks and tabs into at most kMaxWords words; the rest of the
 // line is dropped.
 std::vector<std::string> SplitWords(const std::string& line) {
@@ -163,10 +176,9 @@ bool CmdLineInterface::addHistory() {
 }
 
 Result CmdLineInterface::showHelp(int /*argc*/, char** /*argv*/) {
-  console.Write(Padded("cmd:", maxNameWidth) + "\t" + Padded("explain:", maxExplainWidth) + "\tusage:\n");
+  console.Write(HelpLine("cmd:", "explain:", "usage:", maxNameWidth, maxExplainWidth));
   for (const Command& cmd : commands) {
-    console.Write(Padded(cmd.name, maxNameWidth) + "\t" + Padded(cmd.explain, maxExplainWidth) + "\t" + cmd.usage +
-                  "\n");
+    console.Write(HelpLine(cmd.name, cmd.explain, cmd.usage, maxNameWidth, maxExplainWidth));
   }
   return Result::Ok;
 }

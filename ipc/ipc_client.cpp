@@ -15,6 +15,7 @@
 #include "ipc/retry_deadline.h"
 #include "ipc/timed_lock.h"
 #include "ipc/wait_deadline.h"
+#include "util/decimal_text.h"
 
 namespace zel::ipc {
 namespace {
@@ -51,9 +52,9 @@ bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0;
 // The first of the process's ten slot paths in `dir` that nothing occupies.
 // A stale file left by an earlier process with the same id takes up a slot.
 bool FindFreeClientPath(const std::string& dir, std::string& path) {
-  const std::string stem = dir + "/ipc_client-" + std::to_string(::getpid()) + "-";
+  const std::string stem = dir + "/ipc_client-" + zel::util::DecimalText(static_cast<uint32_t>(::getpid())) + "-";
   for (int slot = 0; slot < kClientSlots; ++slot) {
-    std::string candidate = stem + std::to_string(slot);
+    std::string candidate = stem + zel::util::DecimalText(static_cast<uint32_t>(slot));
     if (!Exists(candidate)) {
       path = std::move(candidate);
       return true;
@@ -84,7 +85,7 @@ bool ChooseClientPath(const std::string& server_path, const std::string& client_
     return false;
   }
   std::string dir = client_prefix;
-  if (!dir.empty() && dir.back() == '/') dir.pop_back();
+  if (!dir.empty() && dir.back() == '/') dir.erase(dir.size() - 1);
   if (!FindFreeClientPath(dir, clientPath)) {
     syslog(LOG_INFO, "%s %d: Cannot make more socket on pid [%d] at [%s]\n", kSetLocalPathText, 71,
            static_cast<int>(::getpid()), client_prefix.c_str());

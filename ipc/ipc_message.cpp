@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "ipc/field_split.h"
+#include "util/decimal_text.h"
 
 namespace zel::ipc {
 namespace {
@@ -34,7 +35,7 @@ void ParseLine(const std::string& text, int32_t& number, std::vector<std::string
 
 }  // namespace
 
-std::string FormatCommand(uint32_t command) { return std::to_string(command); }
+std::string FormatCommand(uint32_t command) { return zel::util::DecimalText(command); }
 
 std::string FormatRequest(const IPCRequest& request) {
   std::string line = FormatCommand(request.command);

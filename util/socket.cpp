@@ -13,6 +13,7 @@
 #include <cstring>
 #include <utility>
 
+#include "util/decimal_text.h"
 #include "util/socket_address.h"
 
 namespace zel::util {
@@ -122,6 +123,13 @@ void FillIpv6Address(int port, SocketAddress& address) {
   address.in6.sin6_family = AF_INET6;
   address.in6.sin6_port = htons(static_cast<uint16_t>(port));
   address.in6.sin6_addr = in6addr_any;
+}
+
+// Logs an address text, the socket's own path or a destination, that a Unix
+// address record cannot hold; `what` names which of the two it is.
+void LogTooLongForUnixAddress(const char* function, const char* what, const std::string& text, size_t length) {
+  syslog(LOG_ERR, "%s: %s [%s] of length [%zu] does not fit a unix address of [%zu] bytes\n", function, what,
+         text.c_str(), length, sizeof(sockaddr_un::sun_path));
 }
 
 // Loops until every byte is out or an error other than EAGAIN / EPIPE comes.
@@ -239,8 +247,7 @@ zel::Result Socket::BuildOwnAddress(SocketAddress& address, socklen_t& length) {
 
 zel::Result Socket::BuildOwnUnixAddress(SocketAddress& address, socklen_t& length) {
   if (mPath.length() > sizeof(address.un.sun_path)) {
-    syslog(LOG_ERR, "%s: path [%s] of length [%zu] does not fit a unix address of [%zu] bytes\n", kInitText,
-           mPath.c_str(), mPath.length(), sizeof(address.un.sun_path));
+    LogTooLongForUnixAddress(kInitText, "path", mPath, mPath.length());
     return zel::Result::Fail;
   }
   // A stale socket file from an earlier run would make the bind fail.
@@ -349,8 +356,7 @@ zel::Result Socket::BuildPeerAddress(const std::string& dest, const std::string&
       const size_t used = wholeText ? dest.length() : std::strlen(dest.c_str());
       const size_t room = wholeText ? sizeof(address.un.sun_path) : sizeof(address.un.sun_path) - 1;
       if (used > room) {
-        syslog(LOG_ERR, "%s: dest [%s] of length [%zu] does not fit a unix address of [%zu] bytes\n", function,
-               dest.c_str(), used, sizeof(address.un.sun_path));
+        LogTooLongForUnixAddress(function, "dest", dest, used);
         return zel::Result::Fail;
       }
       address.un.sun_family = AF_UNIX;
@@ -416,7 +422,7 @@ std::string Socket::PeerText(const SocketAddress& address, socklen_t length) con
     syslog(LOG_ERR, "%s() : inet_ntop() failed, check errno[%d]\n", kAcceptShortText, errno);
     return std::string();
   }
-  return std::string(text) + ";" + std::to_string(ntohs(address.in6.sin6_port));
+  return std::string(text) + ";" + DecimalText(ntohs(address.in6.sin6_port));
 }
 
 zel::Result Socket::SetNonBlock(bool on) {

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "util/decimal_text.h"
+
 namespace zel::util {
 
 const char* DisplayPath(const std::string& path) {
@@ -25,7 +27,7 @@ std::string Ipv4PeerText(const sockaddr_in& address) {
   // every thread, and each socket server takes datagrams on a thread of its own.
   char text[INET_ADDRSTRLEN] = {};
   inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-  return std::string(text) + ":" + std::to_string(ntohs(address.sin_port));
+  return std::string(text) + ":" + DecimalText(ntohs(address.sin_port));
 }
 
 }  // namespace zel::util
