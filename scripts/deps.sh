@@ -5,11 +5,12 @@
 # which adds gcovr) or extra packages.
 set -euo pipefail
 
+# ccache keeps compiled objects outside the clone for the next build;
 # nlohmann-json3-dev is header-only and serves the cross build too;
 # bash-completion loads the completion that the tests try; libclang-rt-14-dev
 # carries the input splitter that the fuzz targets use (the test run replays
 # them in every build).
-packages=(cmake ninja-build g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
+packages=(cmake ninja-build ccache g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
   bash-completion libclang-rt-14-dev)
 for arg in "$@"; do
   case "$arg" in
