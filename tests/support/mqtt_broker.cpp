@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <stdexcept>
 
@@ -24,6 +25,10 @@ MqttBroker::MqttBroker(std::string dir, std::vector<std::string> extraConfig)
 
 MqttBroker::~MqttBroker() {
   if (Running()) Stop();
+}
+
+void MqttBroker::AddConfig(const std::vector<std::string>& lines) {
+  mExtraConfig.insert(mExtraConfig.end(), lines.begin(), lines.end());
 }
 
 std::string MqttBroker::Url() const { return "mqtt://127.0.0.1:" + std::to_string(mPort); }
@@ -61,8 +66,14 @@ std::vector<std::string> MqttBroker::BaseConfig(int port) {
 }
 
 void MqttBroker::WriteConfig() const {
+  // A test that says who may connect says it instead of the base.
+  const bool ownAccess = std::any_of(mExtraConfig.begin(), mExtraConfig.end(), [](const std::string& line) {
+    return line.rfind("allow_anonymous", 0) == 0;
+  });
   std::ofstream file(mConfigPath);
-  for (const std::string& line : BaseConfig(mPort)) file << line << "\n";
+  for (const std::string& line : BaseConfig(mPort)) {
+    if (!(ownAccess && line.rfind("allow_anonymous", 0) == 0)) file << line << "\n";
+  }
   for (const std::string& line : mExtraConfig) file << line << "\n";
   if (!file) throw std::runtime_error("cannot write " + mConfigPath);
 }

@@ -17,12 +17,16 @@ namespace zel::test {
 class MqttBroker {
  public:
   // `dir` holds the configuration file; `extraConfig` lines are added to it
-  // (a TLS listener, a password file, an ACL).
+  // (a TLS listener, a password file, an ACL; an allow_anonymous line there
+  // replaces the base's "allow_anonymous true").
   explicit MqttBroker(std::string dir, std::vector<std::string> extraConfig = {});
   // Stops a broker still running.
   ~MqttBroker();
   MqttBroker(const MqttBroker&) = delete;
   MqttBroker& operator=(const MqttBroker&) = delete;
+
+  // Lines for the configuration from the next Start on.
+  void AddConfig(const std::vector<std::string>& lines);
 
   // A free loopback port, chosen at construction; the broker listens there
   // (plain MQTT) whenever it runs.

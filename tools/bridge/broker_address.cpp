@@ -1,21 +1,20 @@
 #include "tools/bridge/broker_address.h"
 
-#include <cstdlib>
+#include "util/decimal_text.h"
 
 namespace zel::bridge {
 namespace {
 
 const char kPlainScheme[] = "mqtt://";
 const char kTlsScheme[] = "mqtts://";
-constexpr long kMaxPort = 65535;
+constexpr uint64_t kMaxPort = 65535;
 
 bool StartsWith(const std::string& text, const std::string& start) { return text.compare(0, start.size(), start) == 0; }
 
 // Decimal digits only, 1 to 65535.
 bool ParsePort(const std::string& text, int& port) {
-  if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos) return false;
-  const long value = std::strtol(text.c_str(), nullptr, 10);
-  if (value < 1 || value > kMaxPort) return false;
+  uint64_t value = 0;
+  if (!zel::util::ParseDecimal(text, kMaxPort, value) || value == 0) return false;
   port = static_cast<int>(value);
   return true;
 }

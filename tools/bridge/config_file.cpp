@@ -9,13 +9,13 @@ namespace {
 
 const char kBlanks[] = " \t\r";
 
-std::string Trimmed(const std::string& text) {
+}  // namespace
+
+std::string ConfigFile::Trimmed(const std::string& text) {
   const size_t start = text.find_first_not_of(kBlanks);
   if (start == std::string::npos) return std::string();
   return text.substr(start, text.find_last_not_of(kBlanks) - start + 1);
 }
-
-}  // namespace
 
 std::string ConfigFile::Where(const std::string& path, size_t line) { return path + ":" + std::to_string(line); }
 

@@ -24,6 +24,9 @@ class ConfigFile {
   // the file cannot be read or a line is wrong.
   static bool Read(const std::string& path, std::vector<ConfigEntry>& entries, zel::service_client::Failure& failure);
 
+  // `text` without the blanks (and a carriage return) around it, as names
+  // and values are read.
+  static std::string Trimmed(const std::string& text);
   // "<path>:<line>", what an error in that line names.
   static std::string Where(const std::string& path, size_t line);
 };

@@ -6,11 +6,12 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 
+#include "tools/bridge/config_file.h"
 #include "tools/service_client/commands.h"
+#include "util/decimal_text.h"
 
 namespace zel::bridge {
 namespace {
@@ -27,11 +28,8 @@ std::string ErrnoText(int error) {
 
 // Decimal digits only, 0 to `max`.
 bool ParseNumber(const std::string& digits, uint32_t max, uint32_t& value) {
-  if (digits.empty() || digits.size() > 10 || digits.find_first_not_of("0123456789") != std::string::npos) {
-    return false;
-  }
-  const unsigned long long parsed = std::strtoull(digits.c_str(), nullptr, 10);
-  if (parsed > max) return false;
+  uint64_t parsed = 0;
+  if (!zel::util::ParseDecimal(digits, max, parsed)) return false;
   value = static_cast<uint32_t>(parsed);
   return true;
 }
@@ -55,7 +53,8 @@ bool TopicText(const std::string& text) {
   return mosquitto_validate_utf8(text.data(), static_cast<int>(text.size())) == MOSQ_ERR_SUCCESS;
 }
 
-// The canonical names of a comma-separated list of commands that a line of
+// The canonical names of a comma-separated list (blanks around a name do not
+// count) of commands that a line of
 // kendrivex-ctl's standard input may hold.
 bool ParseAllowed(const std::string& list, std::vector<std::string>& allowed, std::string& why) {
   allowed.clear();
@@ -63,7 +62,7 @@ bool ParseAllowed(const std::string& list, std::vector<std::string>& allowed, st
   size_t start = 0;
   while (true) {
     const size_t comma = list.find(',', start);
-    const std::string name = list.substr(start, comma == std::string::npos ? comma : comma - start);
+    const std::string name = ConfigFile::Trimmed(list.substr(start, comma == std::string::npos ? comma : comma - start));
     const zel::service_client::Command* command = zel::service_client::FindCommand(name);
     if (command == nullptr || !command->inBatch) {
       why = "not a command the bridge can run: " + Quoted(name);
