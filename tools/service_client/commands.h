@@ -30,9 +30,9 @@ enum class ReplyStyle : uint8_t {
 };
 
 struct Command {
-  const char* name;           // canonical name, used in JSON output
-  const char* alias;          // the interactive program's name for it, or nullptr
-  uint32_t number;            // the command number sent; 0 when the arguments give it or none is sent
+  const char* name;   // canonical name, used in JSON output
+  const char* alias;  // the interactive program's name for it, or nullptr
+  uint32_t number;    // the command number sent; 0 when the arguments give it or none is sent
   Arguments arguments;
   ReplyStyle reply;
   bool inBatch;               // may stand on a line of a batch

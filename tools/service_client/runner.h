@@ -46,6 +46,14 @@ bool CheckService(const std::string& path, Failure& failure);
 // `withEvents`).
 bool CheckDirectory(const std::string& dir, bool withEvents, Failure& failure);
 
+// Why the IPC client could not be set up in `dir`: the service or the
+// directory fails a check above, or else all ten of this process's slot
+// paths there are taken (status 4; `slotsTaken` then, when not null).
+Failure WhyNoClient(const Settings& settings, const std::string& dir, bool withEvents, bool* slotsTaken = nullptr);
+// Why a client set up in `dir` has a socket at `path` that could not be
+// bound: the checks above, or what is in the way at `path` (status 4).
+Failure WhyNotBound(const Settings& settings, const std::string& dir, const std::string& path, bool withEvents);
+
 // The umask under which socket files made in `dir` are readable and writable
 // by their owner only (0600), or also by the group (0660) when `dir` is
 // shared with a group: set-group-ID, or group-writable without being
@@ -114,6 +122,11 @@ class Runner {
 
  private:
   class Clients;
+
+  // Why a request got no reply: it was too long to send, the service has
+  // gone, it took no request, or it did not answer in time.
+  Failure Unanswered(const Request& request, const zel::ipc::IPCRequest& sent, ssize_t sendResult);
+
   std::unique_ptr<Clients> mClients;
 };
 

@@ -1,10 +1,10 @@
-#include "tools/ctl/line_format.h"
+#include "tools/service_client/format.h"
 
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <vector>
 
-namespace zel::ctl {
+namespace zel::service_client {
 namespace {
 
 // Keys stay in the order they are written, as the documented examples show.
@@ -14,23 +14,22 @@ constexpr long kNanosecondsPerMillisecond = 1000000;
 
 std::string Dump(const Json& object) { return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n"; }
 
-std::string TabSeparated(const std::string& first, const std::vector<std::string>& rest) {
-  std::string line = first;
-  for (const std::string& field : rest) line += "\t" + field;
+std::string TabSeparated(std::string line, const std::vector<std::string>& rest) {
+  for (const std::string& field : rest) line.append(1, '\t').append(field);
   return line + "\n";
 }
 
 }  // namespace
 
-std::string LineFormat::JsonReply(const std::string& command, const zel::ipc::IPCResult& result) {
+std::string JsonReply(const std::string& command, const zel::ipc::IPCResult& reply) {
   Json object;
   object["command"] = command;
-  object["code"] = result.code;
-  object["args"] = result.args;
+  object["code"] = reply.code;
+  object["args"] = reply.args;
   return Dump(object);
 }
 
-std::string LineFormat::JsonEvent(const std::string& time, const zel::ipc::IPCEvent& event) {
+std::string JsonEvent(const std::string& time, const zel::ipc::IPCEvent& event) {
   Json object;
   object["time"] = time;
   object["id"] = event.id;
@@ -38,15 +37,15 @@ std::string LineFormat::JsonEvent(const std::string& time, const zel::ipc::IPCEv
   return Dump(object);
 }
 
-std::string LineFormat::PlainReply(const zel::ipc::IPCResult& result) {
-  return TabSeparated(std::to_string(result.code), result.args);
+std::string PlainReply(const zel::ipc::IPCResult& reply) {
+  return TabSeparated(std::to_string(reply.code), reply.args);
 }
 
-std::string LineFormat::PlainEvent(const std::string& time, const zel::ipc::IPCEvent& event) {
+std::string PlainEvent(const std::string& time, const zel::ipc::IPCEvent& event) {
   return TabSeparated(time + "\t" + std::to_string(event.id), event.args);
 }
 
-std::string LineFormat::UtcTime(const timespec& moment) {
+std::string UtcTime(const timespec& moment) {
   tm parts{};
   const time_t seconds = moment.tv_sec;
   gmtime_r(&seconds, &parts);
@@ -57,4 +56,4 @@ std::string LineFormat::UtcTime(const timespec& moment) {
   return text;
 }
 
-}  // namespace zel::ctl
+}  // namespace zel::service_client
