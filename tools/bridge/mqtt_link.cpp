@@ -22,10 +22,10 @@ constexpr char kConnectText[] = "void zel::bridge::MqttLink::Connect()";
 constexpr char kLoseText[] = "void zel::bridge::MqttLink::Lose(const std::string&)";
 constexpr char kOnConnectedText[] = "void zel::bridge::MqttLink::OnConnected(int)";
 constexpr char kOnSubscribedText[] = "void zel::bridge::MqttLink::OnSubscribed(int, const std::vector<int>&)";
-constexpr char kOnPublishedText[] = "void zel::bridge::MqttLink::OnPublished(int, int)";
-constexpr char kPublishText[] =
-    "bool zel::bridge::MqttLink::Publish(const std::string&, const std::string&, bool, const "
+constexpr char kSendText[] =
+    "bool zel::bridge::MqttLink::Send(const std::string&, const std::string&, bool, const "
     "std::optional<std::string>&, int&)";
+constexpr char kReportRefusalText[] = "void zel::bridge::MqttLink::ReportRefusal(const std::string&, int)";
 constexpr char kDropRepliesText[] = "void zel::bridge::MqttLink::DropReplies()";
 constexpr char kReportText[] = "void zel::bridge::MqttLink::ReportDroppedEvents()";
 constexpr char kStartOfflineText[] = "void zel::bridge::MqttLink::StartOffline()";
@@ -113,6 +113,8 @@ void MqttLink::Lose(const std::string& why) {
   std::vector<OutgoingEvent> unacknowledged;
   for (auto& entry : mInFlight) unacknowledged.push_back(std::move(entry.second));
   mInFlight.clear();
+  mUnacknowledged.clear();
+  mRefusalLogged = false;
   mEvents.SetOnline(false, std::move(unacknowledged));
   mSession.reset();
   mState = State::Idle;
@@ -148,10 +150,14 @@ void MqttLink::Wait() {
 
 void MqttLink::Step() {
   std::string why;
-  if (!mSession->Step(why)) {
+  const bool alive = mSession->Step(why);
+  // A callback's reason says more than libmosquitto's error after it (a
+  // refused connection ends in a protocol error).
+  if (!mLostWhy.empty()) {
+    const std::string reason = mLostWhy;
+    Lose(reason);
+  } else if (!alive) {
     Lose(why);
-  } else if (!mLostWhy.empty()) {
-    Lose(mLostWhy);
   }
 }
 
@@ -226,7 +232,7 @@ void MqttLink::PublishEvents() {
   OutgoingEvent event;
   while (mState == State::Online && mInFlight.size() < kEventWindow && mEvents.Pop(event)) {
     int mid = 0;
-    if (Publish(event.topic, event.payload, false, std::nullopt, mid)) mInFlight.emplace_back(mid, std::move(event));
+    if (Send(event.topic, event.payload, false, std::nullopt, mid)) mInFlight.emplace_back(mid, std::move(event));
   }
 }
 
@@ -239,10 +245,24 @@ void MqttLink::ReportDroppedEvents() {
 
 bool MqttLink::Publish(const std::string& topic, const std::string& payload, bool retain,
                        const std::optional<std::string>& correlation, int& mid) {
+  if (!Send(topic, payload, retain, correlation, mid)) return false;
+  mUnacknowledged[mid] = topic;
+  return true;
+}
+
+bool MqttLink::Send(const std::string& topic, const std::string& payload, bool retain,
+                    const std::optional<std::string>& correlation, int& mid) {
   std::string why;
   if (mSession->Publish(topic, payload, retain, correlation, mid, why)) return true;
-  syslog(LOG_ERR, "%s %d: cannot publish on [%s]: %s\n", kPublishText, 1, topic.c_str(), why.c_str());
+  syslog(LOG_ERR, "%s %d: cannot publish on [%s]: %s\n", kSendText, 1, topic.c_str(), why.c_str());
   return false;
+}
+
+void MqttLink::ReportRefusal(const std::string& topic, int reason) {
+  if (reason < kFirstRefusal || mRefusalLogged) return;
+  mRefusalLogged = true;
+  syslog(LOG_ERR, "%s %d: the broker refused the publication on [%s]: %s\n", kReportRefusalText, 1, topic.c_str(),
+         mosquitto_reason_string(reason));
 }
 
 void MqttLink::OnConnected(int reason) {
@@ -273,22 +293,22 @@ void MqttLink::OnSubscribed(int mid, const std::vector<int>& granted) {
   mService.TakeChanges();
   PublishService(mService.Current());
   mEvents.SetOnline(true);
-  mEventRefusalLogged = false;
   syslog(LOG_INFO, "%s %d: online: commands taken from [%s] and [%s]\n", kOnSubscribedText, 1,
          mTopics.Command().c_str(), mTopics.AllCommand().c_str());
 }
 
 void MqttLink::OnPublished(int mid, int reason) {
   if (mid == mOfflineMid && mOfflineStarted) FinishOffline();
+  const auto other = mUnacknowledged.find(mid);
+  if (other != mUnacknowledged.end()) {
+    ReportRefusal(other->second, reason);
+    mUnacknowledged.erase(other);
+    return;
+  }
   const auto entry = std::find_if(mInFlight.begin(), mInFlight.end(), [mid](const auto& e) { return e.first == mid; });
   if (entry == mInFlight.end()) return;
-  if (reason >= kFirstRefusal && !mEventRefusalLogged) {
-    // Said once per connection: a broker that refuses one (its access rules)
-    // refuses them all.
-    mEventRefusalLogged = true;
-    syslog(LOG_ERR, "%s %d: the broker refused the event on [%s]: %s\n", kOnPublishedText, 1,
-           entry->second.topic.c_str(), mosquitto_reason_string(reason));
-  }
+  // A refused event is not sent again: the broker would refuse it again.
+  ReportRefusal(entry->second.topic, reason);
   mInFlight.erase(entry);
 }
 

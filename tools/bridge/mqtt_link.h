@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -80,8 +81,15 @@ class MqttLink : private MqttSession::Listener {
   void DropReplies();
   void PublishEvents();
   void ReportDroppedEvents();
+  // Says (once per connection: a broker's access rules that refuse one
+  // publication refuse them all) that the broker refused one.
+  void ReportRefusal(const std::string& topic, int reason);
+  // Publishes a message other than an event, remembering its topic until
+  // the broker acknowledges it.
   bool Publish(const std::string& topic, const std::string& payload, bool retain,
                const std::optional<std::string>& correlation, int& mid);
+  bool Send(const std::string& topic, const std::string& payload, bool retain,
+            const std::optional<std::string>& correlation, int& mid);
 
   void OnConnected(int reason) override;
   void OnSubscribed(int mid, const std::vector<int>& granted) override;
@@ -105,10 +113,12 @@ class MqttLink : private MqttSession::Listener {
   int mSubscribeMid = -1;
   int mOfflineMid = -1;
   bool mOfflineStarted = false;
-  bool mEventRefusalLogged = false;
+  bool mRefusalLogged = false;
   std::string mLostWhy;  // set by a callback that ends the connection
   // Events handed to the session and not yet acknowledged, oldest first.
   std::deque<std::pair<int, OutgoingEvent>> mInFlight;
+  // The topics of the other publications not yet acknowledged, by message id.
+  std::map<int, std::string> mUnacknowledged;
 
   std::atomic<bool> mGoOffline{false};
   std::atomic<bool> mStop{false};

@@ -149,10 +149,10 @@ TEST_F(BridgeCommandTest, BadInputIsAnsweredWithAnErrorAndNothingReachesTheServi
 TEST_F(BridgeCommandTest, ReplyTopicWithWildcardsGetsNoReply) {
   StartFake();
   StartOnline();
-  auto requester = Client({"test/#"});
-  ASSERT_TRUE(requester->Request(Topic("cmd"), "ping", "test/+", std::string("x")));
+  auto requester = Client({"wild/#"});
+  ASSERT_TRUE(requester->Request(Topic("cmd"), "ping", "wild/+", std::string("x")));
   EXPECT_TRUE(WaitForLog("bool zel::bridge::CommandIntake::Route(const zel::bridge::IncomingMessage&, "
-                         "zel::bridge::ReplyRoute&) const 1: a command on [kdx/box1/cmd] names [test/+] for its "
+                         "zel::bridge::ReplyRoute&) const 1: a command on [kdx/box1/cmd] names [wild/+] for its "
                          "reply, where nothing can be published\n"));
   EXPECT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));
   EXPECT_EQ(Commands().size(), 1u);

@@ -140,7 +140,9 @@ TEST_F(BridgeRandomTest, EveryRandomPayloadIsAnsweredOnceAndOnlyAcceptedCommands
     EXPECT_TRUE(request.command >= 1 && request.command <= 5) << request.text;
     commands += request.command >= 1 && request.command <= 3;
     // Only ping, stations and mac, which take no arguments.
-    if (request.command >= 1 && request.command <= 3) EXPECT_EQ(request.text, std::to_string(request.command));
+    if (request.command >= 1 && request.command <= 3) {
+      EXPECT_EQ(request.text, std::to_string(request.command));
+    }
   }
   EXPECT_EQ(commands, answers);
   EXPECT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));

@@ -195,11 +195,22 @@ TEST_F(BridgeSecurityTest, ReadmeAccessListKeepsABoxOutOfAnotherBoxsTopics) {
       std::vector<std::string>{KDX_BRIDGE_PATH, "-s", ServicePath(), "-d", dir.path(), "-b", broker.Url(), "-i",
                                "box2", "--username", "box1", "--password-file", WriteFile("password", "pw1\n")},
       Options());
-  const std::string refused =
-      "void zel::bridge::MqttLink::Lose(const std::string&) 2: cannot reach the broker at " + broker.Url() +
-      ": the broker refused the subscription to [kendrivex/box2/cmd]: Not authorized; trying again in 1 s\n";
-  EXPECT_TRUE(WaitForLog(refused));
-  EXPECT_TRUE(op->On("kendrivex/box2/status").empty());
+  // The broker takes the subscriptions (it passes on nothing it refuses to
+  // read) and refuses the publications.
+  EXPECT_TRUE(WaitForLog("void zel::bridge::MqttLink::ReportRefusal(const std::string&, int) 1: the broker refused "
+                         "the publication on [kendrivex/box2/status]: Not authorized\n"));
+  // Its commands are not its own to read; those to every box are, but its
+  // replies cannot go out.
+  ASSERT_TRUE(op->Request("kendrivex/box2/cmd", "mac", "kendrivex/box2/reply", std::nullopt));
+  ASSERT_TRUE(op->Publish("kendrivex/all/cmd", "ping"));
+  ASSERT_TRUE(fake->WaitForRequestsFor(1, 1));
+  ExpectCleanStop(SIGTERM, std::chrono::seconds(2));
+  EXPECT_EQ(fake->RequestsFor(3).size(), 0u);
+  for (const Message& message : op->Messages()) {
+    if (message.topic.rfind("kendrivex/box2/", 0) == 0) {
+      EXPECT_EQ(message.topic, "kendrivex/box2/cmd");
+    }
+  }
 }
 
 }  // namespace

@@ -56,6 +56,8 @@ void BridgeTest::StartSim(const std::vector<std::string>& options) {
 }
 
 void BridgeTest::StartFake() {
+  // The old one removes its socket file as it goes: before the new one is made.
+  fake.reset();
   fake = std::make_unique<FakeService>(ServicePath());
   fake->Script(1, FakeService::Answer::Reply("1\tPONG"));
   fake->Script(4, FakeService::Answer::Reply("1"));
