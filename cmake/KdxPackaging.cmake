@@ -30,6 +30,9 @@ kdx_man_page(kendrivex-cli.1 1 Unspecified)
 kdx_man_page(kendrivex-ctl.1 1 Unspecified)
 kdx_man_page(kendrivex-sim.1 1 Unspecified)
 kdx_man_page(kendrivex_ipc.3 3 ipc_dev)
+# kendrivex-bridge's files are a component of their own, which no package
+# holds yet.
+kdx_man_page(kendrivex-bridge.8 8 bridge)
 add_custom_target(kdx_man_pages ALL DEPENDS ${kdxManPages})
 
 # The Debian name of the target architecture, from the compiler's multiarch

@@ -95,6 +95,8 @@ TEST_F(BridgeCommandTest, CommandOnTheAllTopicReachesEveryBox) {
             std::vector<std::string>{AnsweredPayload("mac", 1, {"02:1a:7d:4c:88:e1"}, "box1")});
   EXPECT_EQ(requester->PayloadsOn("kdx/box2/reply"),
             std::vector<std::string>{AnsweredPayload("mac", 1, {"02:00:00:00:00:02"}, "box2")});
+  other.Signal(SIGTERM);
+  EXPECT_EQ(other.Finish(StopLimit(std::chrono::seconds(2))).exitCode, 0);
 }
 
 TEST_F(BridgeCommandTest, SendIsRefusedUnlessAllowed) {

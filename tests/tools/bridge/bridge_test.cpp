@@ -46,6 +46,13 @@ std::string ErrorPayload(const std::optional<std::string>& command, int status, 
 
 BridgeTest::BridgeTest() : broker(dir.path()) {}
 
+void BridgeTest::TearDown() {
+  if (!bridge || bridge->WaitForExit(std::chrono::milliseconds(0))) return;
+  bridge->Signal(SIGTERM);
+  const Result result = bridge->Finish(StopLimit(std::chrono::seconds(6)));
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
 std::string BridgeTest::Topic(const std::string& leaf) { return std::string(kPrefix) + "/" + kBox + "/" + leaf; }
 
 void BridgeTest::StartBroker() { ASSERT_TRUE(broker.Start()) << broker.Log(); }

@@ -43,6 +43,9 @@ class BridgeTest : public ::testing::Test {
   static constexpr const char* kPrefix = "kdx";
 
   BridgeTest();
+  // Stops a bridge still running as a service manager would (SIGTERM), and
+  // expects it to end cleanly: every run ends with its clean-up checked.
+  void TearDown() override;
 
   std::string ServicePath() const { return dir.File("svc"); }
   std::string SyslogFile() const { return dir.File("syslog"); }
