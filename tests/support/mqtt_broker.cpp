@@ -67,9 +67,8 @@ std::vector<std::string> MqttBroker::BaseConfig(int port) {
 
 void MqttBroker::WriteConfig() const {
   // A test that says who may connect says it instead of the base.
-  const bool ownAccess = std::any_of(mExtraConfig.begin(), mExtraConfig.end(), [](const std::string& line) {
-    return line.rfind("allow_anonymous", 0) == 0;
-  });
+  const bool ownAccess = std::any_of(mExtraConfig.begin(), mExtraConfig.end(),
+                                     [](const std::string& line) { return line.rfind("allow_anonymous", 0) == 0; });
   std::ofstream file(mConfigPath);
   for (const std::string& line : BaseConfig(mPort)) {
     if (!(ownAccess && line.rfind("allow_anonymous", 0) == 0)) file << line << "\n";

@@ -49,7 +49,8 @@ MqttTestClient::MqttTestClient(int port, const Options& options) : mProtocol(opt
   InitLibrary();
   mClient = mosquitto_new(options.id.empty() ? nullptr : options.id.c_str(), true, this);
   if (mClient == nullptr) throw std::runtime_error("mosquitto_new failed");
-  mosquitto_int_option(mClient, MOSQ_OPT_PROTOCOL_VERSION, options.protocol == 5 ? MQTT_PROTOCOL_V5 : MQTT_PROTOCOL_V311);
+  mosquitto_int_option(mClient, MOSQ_OPT_PROTOCOL_VERSION,
+                       options.protocol == 5 ? MQTT_PROTOCOL_V5 : MQTT_PROTOCOL_V311);
   mosquitto_int_option(mClient, MOSQ_OPT_TCP_NODELAY, 1);
   if (!options.username.empty()) {
     mosquitto_username_pw_set(mClient, options.username.c_str(),

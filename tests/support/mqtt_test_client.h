@@ -32,9 +32,9 @@ class MqttTestClient {
   };
 
   struct Options {
-    int protocol = 5;        // 5, or 4 for MQTT 3.1.1
-    std::string id;          // empty: libmosquitto makes one up
-    std::string username;    // empty: none
+    int protocol = 5;      // 5, or 4 for MQTT 3.1.1
+    std::string id;        // empty: libmosquitto makes one up
+    std::string username;  // empty: none
     std::string password;
   };
 
@@ -85,9 +85,9 @@ class MqttTestClient {
   mutable std::mutex mMutex;  // guards everything below
   mutable std::condition_variable mChanged;
   int mConnectReason = -1;
-  std::set<int> mSubscribed;   // message ids of granted subscriptions
-  std::set<int> mRefused;      // message ids of refused subscriptions
-  std::set<int> mPublished;    // message ids acknowledged
+  std::set<int> mSubscribed;  // message ids of granted subscriptions
+  std::set<int> mRefused;     // message ids of refused subscriptions
+  std::set<int> mPublished;   // message ids acknowledged
   std::vector<Message> mMessages;
 };
 

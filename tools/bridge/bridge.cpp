@@ -35,8 +35,8 @@ Bridge::Bridge(const Settings& settings)
             [this](const IncomingMessage& message) { mIntake.Take(message); }) {}
 
 bool Bridge::Run(const sigset_t& signals) {
-  syslog(LOG_INFO, "%s %d: box [%s] on the broker at %s for the service at [%s]\n", kRunText, 1,
-         mSettings.id.c_str(), mSettings.broker.Url().c_str(), mSettings.servicePath.c_str());
+  syslog(LOG_INFO, "%s %d: box [%s] on the broker at %s for the service at [%s]\n", kRunText, 1, mSettings.id.c_str(),
+         mSettings.broker.Url().c_str(), mSettings.servicePath.c_str());
   mWatch.Start();
   mWorker.Start();
   mLink.Start();
@@ -56,8 +56,7 @@ bool Bridge::Stop() {
   const auto spent = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
   const bool finished = mWorker.Stop(spent < kCommandTime ? kCommandTime - spent : milliseconds(0));
   if (!finished) {
-    syslog(LOG_WARNING, "%s %d: a command still waits for the service; its socket files are removed\n", kStopText,
-           1);
+    syslog(LOG_WARNING, "%s %d: a command still waits for the service; its socket files are removed\n", kStopText, 1);
     mFiles.RemoveAll();
   }
   mLink.Stop();

@@ -39,8 +39,7 @@ class CommandIntake {
   // The command's line: the payload without one line end at its end; false
   // with the error when it is no line of text.
   static bool Line(const std::string& payload, std::string& line, std::string& why);
-  void Refuse(const ReplyRoute& route, const std::optional<std::string>& command, int status,
-              const std::string& why);
+  void Refuse(const ReplyRoute& route, const std::optional<std::string>& command, int status, const std::string& why);
 
   const Settings& mSettings;
   const Topics& mTopics;

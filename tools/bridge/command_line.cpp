@@ -47,8 +47,8 @@ std::vector<option> LongOptions() {
   std::vector<option> options;
   for (size_t i = 0; i < OptionTable::All().size(); ++i) {
     const OptionSpec& entry = OptionTable::All()[i];
-    options.push_back({entry.longName, entry.valueName != nullptr ? required_argument : no_argument, nullptr,
-                       GetoptValue(i)});
+    options.push_back(
+        {entry.longName, entry.valueName != nullptr ? required_argument : no_argument, nullptr, GetoptValue(i)});
   }
   options.push_back({nullptr, 0, nullptr, 0});
   return options;
@@ -110,9 +110,8 @@ bool CommandLine::ReadOptions(std::vector<Given>& given) {
     const int value = getopt_long(mArgc, mArgv, shortOptions.c_str(), longOptions.data(), &longIndex);
     if (value == -1) break;
     if (value == '?') {
-      const std::string typed =
-          optopt != 0 && optopt < kFirstLongOnly ? std::string("-") + static_cast<char>(optopt)
-                                                 : OptionWord(mArgv[optind - 1]);
+      const std::string typed = optopt != 0 && optopt < kFirstLongOnly ? std::string("-") + static_cast<char>(optopt)
+                                                                       : OptionWord(mArgv[optind - 1]);
       return Usage(typed, "unknown option (try --help)");
     }
     if (value == ':') {

@@ -23,8 +23,8 @@ std::chrono::milliseconds HealthInterval(const Settings& settings) {
 
 }  // namespace
 
-CommandWorker::CommandWorker(const Settings& settings, CommandQueue& queue, ReplyOutbox& replies,
-                             ServiceState& service, core::FileObserver* observer)
+CommandWorker::CommandWorker(const Settings& settings, CommandQueue& queue, ReplyOutbox& replies, ServiceState& service,
+                             core::FileObserver* observer)
     : mSettings(settings),
       mQueue(queue),
       mReplies(replies),
@@ -35,7 +35,9 @@ CommandWorker::~CommandWorker() {
   if (mThread.joinable()) mThread.join();
 }
 
-void CommandWorker::Start() { mThread = std::thread([this] { Run(); }); }
+void CommandWorker::Start() {
+  mThread = std::thread([this] { Run(); });
+}
 
 bool CommandWorker::Stop(std::chrono::milliseconds timeout) {
   mQueue.Close();

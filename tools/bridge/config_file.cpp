@@ -19,7 +19,8 @@ std::string ConfigFile::Trimmed(const std::string& text) {
 
 std::string ConfigFile::Where(const std::string& path, size_t line) { return path + ":" + std::to_string(line); }
 
-bool ConfigFile::Read(const std::string& path, std::vector<ConfigEntry>& entries, zel::service_client::Failure& failure) {
+bool ConfigFile::Read(const std::string& path, std::vector<ConfigEntry>& entries,
+                      zel::service_client::Failure& failure) {
   entries.clear();
   std::ifstream file(path);
   if (!file) {
@@ -33,13 +34,15 @@ bool ConfigFile::Read(const std::string& path, std::vector<ConfigEntry>& entries
     if (text.empty()) continue;
     const size_t equals = text.find('=');
     if (equals == std::string::npos) {
-      failure = zel::service_client::Fail(zel::service_client::kStatusUsage, Where(path, number), "not a name = value line");
+      failure =
+          zel::service_client::Fail(zel::service_client::kStatusUsage, Where(path, number), "not a name = value line");
       return false;
     }
     const std::string name = Trimmed(text.substr(0, equals));
     const OptionSpec* option = OptionTable::FindLong(name);
     if (option == nullptr || !option->inConfigFile) {
-      failure = zel::service_client::Fail(zel::service_client::kStatusUsage, Where(path, number), "unknown option \"" + zel::service_client::Shown(name) + "\"");
+      failure = zel::service_client::Fail(zel::service_client::kStatusUsage, Where(path, number),
+                                          "unknown option \"" + zel::service_client::Shown(name) + "\"");
       return false;
     }
     entries.push_back(ConfigEntry{option, Trimmed(text.substr(equals + 1)), number});

@@ -60,7 +60,9 @@ MqttLink::MqttLink(const Settings& settings, const Topics& topics, EventOutbox& 
 
 MqttLink::~MqttLink() { Stop(); }
 
-void MqttLink::Start() { mThread = std::thread([this] { Run(); }); }
+void MqttLink::Start() {
+  mThread = std::thread([this] { Run(); });
+}
 
 void MqttLink::GoOffline(milliseconds timeout) {
   mGoOffline = true;
@@ -171,8 +173,7 @@ void MqttLink::StartOffline() {
     FinishOffline();
     return;
   }
-  syslog(LOG_INFO, "%s %d: stopping: \"offline\" published on [%s]\n", kStartOfflineText, 1,
-         mTopics.Status().c_str());
+  syslog(LOG_INFO, "%s %d: stopping: \"offline\" published on [%s]\n", kStartOfflineText, 1, mTopics.Status().c_str());
 }
 
 void MqttLink::FinishOffline() {

@@ -62,7 +62,8 @@ bool ParseAllowed(const std::string& list, std::vector<std::string>& allowed, st
   size_t start = 0;
   while (true) {
     const size_t comma = list.find(',', start);
-    const std::string name = ConfigFile::Trimmed(list.substr(start, comma == std::string::npos ? comma : comma - start));
+    const std::string name =
+        ConfigFile::Trimmed(list.substr(start, comma == std::string::npos ? comma : comma - start));
     const zel::service_client::Command* command = zel::service_client::FindCommand(name);
     if (command == nullptr || !command->inBatch) {
       why = "not a command the bridge can run: " + Quoted(name);

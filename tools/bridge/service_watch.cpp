@@ -28,7 +28,9 @@ core::Settings WatchSettings(const Settings& settings) {
 
 ServiceWatch::~ServiceWatch() { Stop(); }
 
-void ServiceWatch::Start() { mThread = std::thread([this] { Run(); }); }
+void ServiceWatch::Start() {
+  mThread = std::thread([this] { Run(); });
+}
 
 void ServiceWatch::Stop() {
   {

@@ -25,11 +25,11 @@ struct Settings {
   std::string servicePath;  // the service's socket
   std::string dir;          // the directory for the bridge's own sockets
   BrokerAddress broker;
-  std::string id;                   // the box's name in topics
+  std::string id;  // the box's name in topics
   std::string prefix = "kendrivex";
   std::vector<std::string> allowed = {"ping", "stations", "mac"};  // canonical command names
-  uint32_t queue = kDefaultQueue;                // events kept while the broker is away
-  uint32_t healthSeconds = kDefaultHealthSeconds;  // 0: no health pings
+  uint32_t queue = kDefaultQueue;                                  // events kept while the broker is away
+  uint32_t healthSeconds = kDefaultHealthSeconds;                  // 0: no health pings
   std::string caFile;
   std::string caPath;
   std::string certFile;

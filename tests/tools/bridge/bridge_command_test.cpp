@@ -82,9 +82,9 @@ TEST_F(BridgeCommandTest, CommandOnTheAllTopicReachesEveryBox) {
   ASSERT_TRUE(second.WaitUntilServing());
   auto status = Client({"kdx/+/status"});
   StartBridge();
-  PipeProcess other({KDX_BRIDGE_PATH, "-s", dir.File("svc2"), "-d", dir.path(), "-b", broker.Url(), "-i", "box2",
-                     "-p", "kdx"},
-                    Options());
+  PipeProcess other(
+      {KDX_BRIDGE_PATH, "-s", dir.File("svc2"), "-d", dir.path(), "-b", broker.Url(), "-i", "box2", "-p", "kdx"},
+      Options());
   ASSERT_TRUE(status->WaitForCount("kdx/box1/status", 1));
   ASSERT_TRUE(status->WaitForCount("kdx/box2/status", 1));
   auto requester = Client({"kdx/+/reply"});
@@ -126,21 +126,21 @@ TEST_F(BridgeCommandTest, BadInputIsAnsweredWithAnErrorAndNothingReachesTheServi
     std::string reply;
   };
   const std::vector<Case> cases = {
-      {"",                  ErrorPayload(std::nullopt, 2, "no command in the message")                                        },
-      {"  \t ",             ErrorPayload(std::nullopt, 2, "no command in the message")                                        },
-      {"\n",                ErrorPayload(std::nullopt, 2, "no command in the message")                                        },
-      {"# ping",            ErrorPayload("#", 2, "#: unknown command (try --help)")                                          },
-      {"ping\xff",          ErrorPayload(std::nullopt, 2, "not valid UTF-8")                                                 },
-      {"\xc0\x80",          ErrorPayload(std::nullopt, 2, "not valid UTF-8")                                                 },
-      {tooLong,             ErrorPayload(std::nullopt, 2, "longer than 8192 bytes")                                          },
-      {"ping\nping",        ErrorPayload(std::nullopt, 2, "not one line of text")                                            },
-      {std::string("p\0", 2), ErrorPayload(std::nullopt, 2, "not one line of text")                                          },
-      {"reboot",            ErrorPayload("reboot", 2, "reboot: unknown command (try --help)")                                },
-      {"mac",               ErrorPayload("mac", 2, "mac: not allowed from the broker")                                       },
-      {"watch",             ErrorPayload("watch", 2, "watch: not allowed from the broker")                                   },
-      {"ping now",          ErrorPayload("ping", 2, "ping: takes no arguments, not \"now\"")                                 },
-      {"send",              ErrorPayload("send", 2, "send: missing command number N (1 to 5)")                               },
-      {"send 9",            ErrorPayload("send", 2, "send: command number must be 1 to 5, not \"9\"")                        },
+      {"",                ErrorPayload(std::nullopt, 2,                         "no command in the message")      },
+      {"  \t ",           ErrorPayload(std::nullopt, 2,                         "no command in the message")      },
+      {"\n",              ErrorPayload(std::nullopt, 2,                         "no command in the message")      },
+      {"# ping",          ErrorPayload("#",          2,                         "#: unknown command (try --help)")},
+      {"ping\xff",        ErrorPayload(std::nullopt, 2,                         "not valid UTF-8")                },
+      {"\xc0\x80",        ErrorPayload(std::nullopt, 2,                         "not valid UTF-8")                },
+      {tooLong,           ErrorPayload(std::nullopt, 2,                         "longer than 8192 bytes")         },
+      {"ping\nping",      ErrorPayload(std::nullopt, 2,                         "not one line of text")           },
+      {std::string("p\0", 2),                        ErrorPayload(std::nullopt, 2,                                  "not one line of text")},
+      {"reboot",                 ErrorPayload("reboot",                                   2,                       "reboot: unknown command (try --help)")                     },
+      {"mac",                 ErrorPayload("mac",                                      2,                             "mac: not allowed from the broker")   },
+      {"watch",                 ErrorPayload("watch",                                    2,                         "watch: not allowed from the broker")                   },
+      {"ping now",                 ErrorPayload("ping",                                 2,                       "ping: takes no arguments, not \"now\"")    },
+      {"send",                 ErrorPayload("send",                                     2,                           "send: missing command number N (1 to 5)")                   },
+      {"send 9",                 ErrorPayload("send",                                   2,                         "send: command number must be 1 to 5, not \"9\"")    },
   };
   for (const Case& c : cases) EXPECT_EQ(Ask(c.payload), c.reply) << c.payload.substr(0, 20);
   EXPECT_EQ(Commands().size(), 0u);
@@ -153,9 +153,10 @@ TEST_F(BridgeCommandTest, ReplyTopicWithWildcardsGetsNoReply) {
   StartOnline();
   auto requester = Client({"wild/#"});
   ASSERT_TRUE(requester->Request(Topic("cmd"), "ping", "wild/+", std::string("x")));
-  EXPECT_TRUE(WaitForLog("bool zel::bridge::CommandIntake::Route(const zel::bridge::IncomingMessage&, "
-                         "zel::bridge::ReplyRoute&) const 1: a command on [kdx/box1/cmd] names [wild/+] for its "
-                         "reply, where nothing can be published\n"));
+  EXPECT_TRUE(
+      WaitForLog("bool zel::bridge::CommandIntake::Route(const zel::bridge::IncomingMessage&, "
+                 "zel::bridge::ReplyRoute&) const 1: a command on [kdx/box1/cmd] names [wild/+] for its "
+                 "reply, where nothing can be published\n"));
   EXPECT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));
   EXPECT_EQ(Commands().size(), 1u);
   EXPECT_EQ(requester->Messages().size(), 0u);

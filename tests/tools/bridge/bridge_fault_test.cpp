@@ -93,13 +93,15 @@ TEST_F(BridgeFaultTest, BeyondTheQueueTheOldestEventsAreDroppedAndTheLogSaysHowM
   for (const char* text : {"1\tone", "1\ttwo", "1\tthree", "1\tfour", "1\tfive"}) {
     ASSERT_TRUE(fake->SendTo(eventPath, text));
   }
-  ASSERT_TRUE(WaitForLog("void zel::bridge::EventOutbox::Trim() 1: more than 2 events wait for the broker; "
-                         "dropping the oldest\n"));
+  ASSERT_TRUE(
+      WaitForLog("void zel::bridge::EventOutbox::Trim() 1: more than 2 events wait for the broker; "
+                 "dropping the oldest\n"));
   ASSERT_TRUE(WaitForLog(CannotReach(2)));
   StartBroker();
   auto subscriber = Client({Topic("event/#")});
-  ASSERT_TRUE(WaitForLog("void zel::bridge::MqttLink::ReportDroppedEvents() 1: 3 events dropped, the oldest "
-                         "first: the queue keeps 2 while the broker is away\n"));
+  ASSERT_TRUE(
+      WaitForLog("void zel::bridge::MqttLink::ReportDroppedEvents() 1: 3 events dropped, the oldest "
+                 "first: the queue keeps 2 while the broker is away\n"));
   ASSERT_TRUE(subscriber->WaitForCount(Topic("event/1"), 2));
   EXPECT_EQ(EventArgs(*subscriber), (std::vector<std::string>{"four", "five"}));
 }

@@ -39,11 +39,11 @@ TEST_F(BridgeOptionTest, HelpListsEveryOptionAndExitsWithZero) {
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(result.err, "");
   EXPECT_EQ(result.out.rfind("Usage: kendrivex-bridge [OPTIONS]\n", 0), 0u) << result.out;
-  for (const char* option : {"-s, --service PATH", "-d, --dir DIR", "-b, --broker URL", "-i, --id NAME",
-                             "-p, --prefix TOPIC", "    --allow LIST", "    --queue N", "    --health SECONDS",
-                             "    --cafile FILE", "    --capath DIR", "    --cert FILE", "    --key FILE",
-                             "    --username NAME", "    --password-file FILE", "-c, --config FILE", "-v, --verbose",
-                             "-h, --help", "-V, --version"}) {
+  for (const char* option :
+       {"-s, --service PATH", "-d, --dir DIR", "-b, --broker URL", "-i, --id NAME", "-p, --prefix TOPIC",
+        "    --allow LIST", "    --queue N", "    --health SECONDS", "    --cafile FILE", "    --capath DIR",
+        "    --cert FILE", "    --key FILE", "    --username NAME", "    --password-file FILE", "-c, --config FILE",
+        "-v, --verbose", "-h, --help", "-V, --version"}) {
     EXPECT_NE(result.out.find("\n  " + std::string(option) + "  "), std::string::npos) << option;
   }
 }
@@ -97,16 +97,14 @@ TEST_F(BridgeOptionTest, PrefixMayNotBeEmptyNorHoldWildcards) {
 }
 
 TEST_F(BridgeOptionTest, AllowTakesOnlyCommandsOfABatchLine) {
-  ExpectUsageError({"--allow", "ping,reboot"},
-                   ErrorLine("--allow", "not a command the bridge can run: \"reboot\""));
+  ExpectUsageError({"--allow", "ping,reboot"}, ErrorLine("--allow", "not a command the bridge can run: \"reboot\""));
   ExpectUsageError({"--allow", "ping,watch"}, ErrorLine("--allow", "not a command the bridge can run: \"watch\""));
   ExpectUsageError({"--allow", "ping,"}, ErrorLine("--allow", "not a command the bridge can run: \"\""));
 }
 
 TEST_F(BridgeOptionTest, QueueAndHealthTakeWholeNumbersInTheirRange) {
   ExpectUsageError({"--queue", "-1"}, ErrorLine("--queue", "not a whole number from 0 to 1000000: \"-1\""));
-  ExpectUsageError({"--queue", "1000001"},
-                   ErrorLine("--queue", "not a whole number from 0 to 1000000: \"1000001\""));
+  ExpectUsageError({"--queue", "1000001"}, ErrorLine("--queue", "not a whole number from 0 to 1000000: \"1000001\""));
   ExpectUsageError({"--health", "1.5"},
                    ErrorLine("--health", "not a whole number of seconds from 0 to 86400: \"1.5\""));
 }
@@ -146,7 +144,8 @@ TEST_F(BridgeOptionTest, ConfigurationFileErrorsNameTheirLine) {
   const std::string noEquals = WriteFile("b.conf", "\n  \nverbose\n");
   ExpectUsageError({"--config", noEquals}, ErrorLine(noEquals + ":3", "not a name = value line"));
   const std::string badValue = WriteFile("c.conf", "queue = lots\n");
-  ExpectUsageError({"-c", badValue}, ErrorLine(badValue + ":1", "queue: not a whole number from 0 to 1000000: \"lots\""));
+  ExpectUsageError({"-c", badValue},
+                   ErrorLine(badValue + ":1", "queue: not a whole number from 0 to 1000000: \"lots\""));
   const std::string notInFile = WriteFile("d.conf", "config = other.conf\n");
   ExpectUsageError({"-c", notInFile}, ErrorLine(notInFile + ":1", "unknown option \"config\""));
   const std::string badFlag = WriteFile("e.conf", "verbose = maybe\n");
@@ -164,12 +163,18 @@ TEST_F(BridgeOptionTest, ConfigurationFileSetsOptionsAndTheCommandLineWins) {
   StartFake();
   const std::string config = WriteFile("bridge.conf",
                                        "# a box of the fleet\n"
-                                       "service = " + ServicePath() + "\n"
-                                       "dir = " + dir.path() + "\n"
-                                       "broker = " + broker.Url() + "\n"
-                                       "prefix = fleet\n"
-                                       "id = from-file   # overridden below\n"
-                                       "allow = ping, stations\n");
+                                       "service = " +
+                                           ServicePath() +
+                                           "\n"
+                                           "dir = " +
+                                           dir.path() +
+                                           "\n"
+                                           "broker = " +
+                                           broker.Url() +
+                                           "\n"
+                                           "prefix = fleet\n"
+                                           "id = from-file   # overridden below\n"
+                                           "allow = ping, stations\n");
   auto status = Client({"fleet/+/status"});
   bridge = std::make_unique<PipeProcess>(
       std::vector<std::string>{KDX_BRIDGE_PATH, "--config", config, "--id", "from-line", "--allow", "mac"}, Options());

@@ -72,11 +72,12 @@ class RandomPayloads {
   // Words of commands and arguments, some right, most not, with blanks,
   // tabs and now and then a line end or another control byte between them.
   std::string Line() {
-    static const std::vector<std::string> kWords = {"ping", "stations", "mac",  "send", "watch", "send_ping",
-                                                    "atcmd_wlanmac", "4", "1", "9", "/x/y", "#", "-", "--help",
-                                                    "\xff", "\xc3\xa9", ""};
+    static const std::vector<std::string> kWords = {
+        "ping", "stations", "mac", "send", "watch",  "send_ping", "atcmd_wlanmac", "4", "1",
+        "9",    "/x/y",     "#",   "-",    "--help", "\xff",      "\xc3\xa9",      ""};
     // The first five gaps keep to one line.
-    static const std::vector<std::string> kGaps = {" ", " ", " ", "\t", "  ", "\n", "\r\n", std::string("\0", 1), "\x1b"};
+    static const std::vector<std::string> kGaps = {" ",   " ", " ", "\t", "  ", "\n", "\r\n", std::string("\0", 1),
+                                                   "\x1b"};
     std::string line;
     const size_t words = 1 + Pick(4);
     for (size_t i = 0; i < words; ++i) {

@@ -38,8 +38,8 @@ class Certificates {
 
  private:
   void Make(const std::string& name, const std::string& subject, const std::string& extensions) {
-    const std::vector<std::string> key = {"-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                                          "-keyout", Key(name), "-subj", subject};
+    const std::vector<std::string> key = {
+        "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", Key(name), "-subj", subject};
     if (name == "ca") {
       std::vector<std::string> argv = {"openssl", "req", "-x509", "-days", "2", "-out", Ca()};
       argv.insert(argv.end(), key.begin(), key.end());
@@ -49,8 +49,9 @@ class Certificates {
     std::vector<std::string> request = {"openssl", "req", "-out", mDir.File(name + ".csr")};
     request.insert(request.end(), key.begin(), key.end());
     RunTool(request);
-    std::vector<std::string> sign = {"openssl", "x509", "-req", "-in", mDir.File(name + ".csr"), "-CA", Ca(),
-                                     "-CAkey",  Key("ca"), "-CAcreateserial", "-days", "2", "-out", Cert(name)};
+    std::vector<std::string> sign = {"openssl", "x509", "-req",   "-in",     mDir.File(name + ".csr"),
+                                     "-CA",     Ca(),   "-CAkey", Key("ca"), "-CAcreateserial",
+                                     "-days",   "2",    "-out",   Cert(name)};
     if (!extensions.empty()) {
       sign.push_back("-extfile");
       sign.push_back(mDir.File(extensions));
@@ -67,11 +68,9 @@ class BridgeSecurityTest : public BridgeTest {
   void StartTlsBroker(bool requireClientCertificate) {
     certificates = std::make_unique<Certificates>(dir);
     tlsPort = MqttBroker::FreePort();
-    broker.AddConfig({"listener " + std::to_string(tlsPort) + " 127.0.0.1",
-                                          "cafile " + certificates->Ca(),
-                                          "certfile " + certificates->Cert("server"),
-                                          "keyfile " + certificates->Key("server"),
-                                          requireClientCertificate ? "require_certificate true" : ""});
+    broker.AddConfig({"listener " + std::to_string(tlsPort) + " 127.0.0.1", "cafile " + certificates->Ca(),
+                      "certfile " + certificates->Cert("server"), "keyfile " + certificates->Key("server"),
+                      requireClientCertificate ? "require_certificate true" : ""});
     StartBroker();
   }
 
@@ -121,8 +120,8 @@ TEST_F(BridgeSecurityTest, TlsBrokerThatTheSystemDoesNotVouchForIsRefused) {
   StartFake();
   auto status = Client({Topic("status")});
   StartBridge({"-b", TlsUrl()});
-  const std::string start = "void zel::bridge::MqttLink::Lose(const std::string&) 2: cannot reach the broker at " +
-                            TlsUrl() + ": ";
+  const std::string start =
+      "void zel::bridge::MqttLink::Lose(const std::string&) 2: cannot reach the broker at " + TlsUrl() + ": ";
   ASSERT_TRUE(WaitForLogMatching([&](const std::string& text) {
     return text.rfind(start, 0) == 0 && text.find("certificate verify failed") != std::string::npos &&
            text.find("; trying again in 1 s\n") != std::string::npos;
@@ -139,7 +138,12 @@ TEST_F(BridgeSecurityTest, ClientCertificateIsPresentedToABrokerThatRequiresOne)
 }
 
 TEST_F(BridgeSecurityTest, PasswordComesFromTheFirstLineOfItsFile) {
-  StartBrokerWithUsers({{"box1", "s3cret word"}, {"tester", "t"}}, "");
+  StartBrokerWithUsers(
+      {
+          {"box1",   "s3cret word"},
+          {"tester", "t"          }
+  },
+      "");
   StartFake();
   const std::string password = WriteFile("password", "s3cret word\nnot this line\n");
   auto status = Client({Topic("status")}, User("tester", "t"));
@@ -148,7 +152,11 @@ TEST_F(BridgeSecurityTest, PasswordComesFromTheFirstLineOfItsFile) {
 }
 
 TEST_F(BridgeSecurityTest, WrongPasswordIsRefusedAndTriedAgain) {
-  StartBrokerWithUsers({{"box1", "right"}}, "");
+  StartBrokerWithUsers(
+      {
+          {"box1", "right"}
+  },
+      "");
   StartFake();
   StartBridge({"--username", "box1", "--password-file", WriteFile("password", "wrong\n")});
   const std::string refused = "void zel::bridge::MqttLink::Lose(const std::string&) 2: cannot reach the broker at " +
@@ -165,13 +173,18 @@ const char kReadmeAcl[] =
     "topic readwrite kendrivex/#\n";
 
 TEST_F(BridgeSecurityTest, ReadmeAccessListLetsEachBoxWorkOnItsOwnTopics) {
-  StartBrokerWithUsers({{"box1", "pw1"}, {"operator", "op"}}, kReadmeAcl);
+  StartBrokerWithUsers(
+      {
+          {"box1",     "pw1"},
+          {"operator", "op" }
+  },
+      kReadmeAcl);
   StartFake();
   const std::string password = WriteFile("password", "pw1\n");
   auto op = Client({"kendrivex/#"}, User("operator", "op"));
   bridge = std::make_unique<PipeProcess>(
-      std::vector<std::string>{KDX_BRIDGE_PATH, "-s", ServicePath(), "-d", dir.path(), "-b", broker.Url(), "-i",
-                               "box1", "--username", "box1", "--password-file", password},
+      std::vector<std::string>{KDX_BRIDGE_PATH, "-s", ServicePath(), "-d", dir.path(), "-b", broker.Url(), "-i", "box1",
+                               "--username", "box1", "--password-file", password},
       Options());
   ASSERT_TRUE(op->WaitFor([](const std::vector<Message>& m) {
     for (const Message& message : m) {
@@ -188,17 +201,23 @@ TEST_F(BridgeSecurityTest, ReadmeAccessListLetsEachBoxWorkOnItsOwnTopics) {
 }
 
 TEST_F(BridgeSecurityTest, ReadmeAccessListKeepsABoxOutOfAnotherBoxsTopics) {
-  StartBrokerWithUsers({{"box1", "pw1"}, {"operator", "op"}}, kReadmeAcl);
+  StartBrokerWithUsers(
+      {
+          {"box1",     "pw1"},
+          {"operator", "op" }
+  },
+      kReadmeAcl);
   StartFake();
   auto op = Client({"kendrivex/#"}, User("operator", "op"));
   bridge = std::make_unique<PipeProcess>(
-      std::vector<std::string>{KDX_BRIDGE_PATH, "-s", ServicePath(), "-d", dir.path(), "-b", broker.Url(), "-i",
-                               "box2", "--username", "box1", "--password-file", WriteFile("password", "pw1\n")},
+      std::vector<std::string>{KDX_BRIDGE_PATH, "-s", ServicePath(), "-d", dir.path(), "-b", broker.Url(), "-i", "box2",
+                               "--username", "box1", "--password-file", WriteFile("password", "pw1\n")},
       Options());
   // The broker takes the subscriptions (it passes on nothing it refuses to
   // read) and refuses the publications.
-  EXPECT_TRUE(WaitForLog("void zel::bridge::MqttLink::ReportRefusal(const std::string&, int) 1: the broker refused "
-                         "the publication on [kendrivex/box2/status]: Not authorized\n"));
+  EXPECT_TRUE(
+      WaitForLog("void zel::bridge::MqttLink::ReportRefusal(const std::string&, int) 1: the broker refused "
+                 "the publication on [kendrivex/box2/status]: Not authorized\n"));
   // Its commands are not its own to read; those to every box are, but its
   // replies cannot go out.
   ASSERT_TRUE(op->Request("kendrivex/box2/cmd", "mac", "kendrivex/box2/reply", std::nullopt));

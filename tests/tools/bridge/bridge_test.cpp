@@ -72,8 +72,8 @@ void BridgeTest::StartFake() {
 }
 
 std::vector<std::string> BridgeTest::Command(const std::vector<std::string>& args) const {
-  std::vector<std::string> argv = {KDX_BRIDGE_PATH, "-s", ServicePath(), "-d", dir.path(), "-b", broker.Url(),
-                                   "-i",            kBox, "-p",          kPrefix};
+  std::vector<std::string> argv = {KDX_BRIDGE_PATH, "-s", ServicePath(), "-d", dir.path(), "-b",
+                                   broker.Url(),    "-i", kBox,          "-p", kPrefix};
   argv.insert(argv.end(), args.begin(), args.end());
   return argv;
 }
@@ -161,7 +161,8 @@ bool BridgeTest::WaitForLogMatching(const std::function<bool(const std::string&)
   return ::zel::test::WaitForSyslogFile(
       SyslogFile(),
       [&](const std::vector<LogRecord>& records) {
-        return std::any_of(records.begin(), records.end(), [&](const LogRecord& record) { return predicate(record.text); });
+        return std::any_of(records.begin(), records.end(),
+                           [&](const LogRecord& record) { return predicate(record.text); });
       },
       timeout);
 }

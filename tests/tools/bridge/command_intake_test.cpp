@@ -45,8 +45,8 @@ class CommandIntakeTest : public ::testing::Test {
 };
 
 TEST_F(CommandIntakeTest, WellFormedUtf8IsValid) {
-  for (const char* text : {"", "ping", "\xc3\xa9", "\xe2\x82\xac", "\xef\xbf\xbf", "\xf0\x9f\x98\x80",
-                           "\xf4\x8f\xbf\xbf", "\x7f"}) {
+  for (const char* text :
+       {"", "ping", "\xc3\xa9", "\xe2\x82\xac", "\xef\xbf\xbf", "\xf0\x9f\x98\x80", "\xf4\x8f\xbf\xbf", "\x7f"}) {
     EXPECT_TRUE(CommandIntake::ValidUtf8(text)) << text;
   }
 }

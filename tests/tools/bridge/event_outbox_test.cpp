@@ -49,9 +49,11 @@ TEST(EventOutboxTest, SaysOnceThatItDrops) {
   EventOutbox outbox(1, wakeup);
   for (int i = 1; i <= 4; ++i) outbox.Push(Event(i));
   EXPECT_EQ(SyslogCapture::Records(),
-            (std::vector<LogRecord>{{LOG_WARNING,
-                                     "void zel::bridge::EventOutbox::Trim() 1: more than 1 events wait for the broker; "
-                                     "dropping the oldest\n"}}));
+            (std::vector<LogRecord>{
+                {LOG_WARNING,
+                 "void zel::bridge::EventOutbox::Trim() 1: more than 1 events wait for the broker; "
+                 "dropping the oldest\n"}
+  }));
 }
 
 TEST(EventOutboxTest, QueueOfZeroKeepsNoneWhileTheBrokerIsAway) {

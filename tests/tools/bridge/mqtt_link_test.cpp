@@ -127,8 +127,14 @@ TEST_F(MqttLinkTest, RepliesGoToTheirTopicWithTheirCorrelationData) {
   auto client = Subscriber("replies/#");
   ASSERT_TRUE(client->Subscribe("k/box/status"));
   ASSERT_TRUE(WaitForOnline(*client));
-  replies.Push(Publication{ReplyRoute{"replies/1", std::string("c\x00r", 3)}, "{\"a\":1}"});
-  replies.Push(Publication{ReplyRoute{"replies/2", std::nullopt}, "{\"b\":2}"});
+  replies.Push(Publication{
+      ReplyRoute{"replies/1", std::string("c\x00r", 3)},
+      "{\"a\":1}"
+  });
+  replies.Push(Publication{
+      ReplyRoute{"replies/2", std::nullopt},
+      "{\"b\":2}"
+  });
   ASSERT_TRUE(client->WaitForCount("replies/2", 1));
   const std::vector<Message> first = client->On("replies/1");
   ASSERT_EQ(first.size(), 1u);
@@ -169,7 +175,7 @@ TEST_F(MqttLinkTest, PublishesEventsInOrderAtQos1) {
   }
 }
 
-TEST_F(MqttLinkTest, TriesAgainAfterOneTwoAndFourSecondsWhileTheBrokerIsAwayAtStart) {
+TEST_F(MqttLinkTest, TriesAgainAfterOneThenTwoSecondsWhileTheBrokerIsAwayAtStart) {
   StartLink();
   const std::string cannot = "void zel::bridge::MqttLink::Lose(const std::string&) 2: cannot reach the broker at " +
                              settings.broker.Url() + ": Connection refused; trying again in ";
@@ -178,8 +184,8 @@ TEST_F(MqttLinkTest, TriesAgainAfterOneTwoAndFourSecondsWhileTheBrokerIsAwayAtSt
   }
   ASSERT_TRUE(broker.Start());
   ASSERT_TRUE(SyslogCapture::WaitForRecord(
-      {LOG_INFO, "void zel::bridge::MqttLink::OnConnected(int) 1: connected to the broker at " +
-                     settings.broker.Url() + "\n"}));
+      {LOG_INFO,
+       "void zel::bridge::MqttLink::OnConnected(int) 1: connected to the broker at " + settings.broker.Url() + "\n"}));
   auto client = Subscriber("k/box/status");
   EXPECT_TRUE(WaitForOnline(*client));
 }
