@@ -72,6 +72,14 @@ int RunOneShot(const Invocation& invocation, Output& output) {
 // at a time; a failing line does not stop the batch, whose status is that
 // of the first failure.
 int RunBatch(const Invocation& invocation, Output& output) {
+  // A batch that cannot reach the service says so once, before it reads a
+  // line, rather than once for every line.
+  zel::service_client::Failure failure;
+  if (!zel::service_client::CheckService(invocation.settings.servicePath, failure) ||
+      !zel::service_client::CheckDirectory(invocation.settings.dir, false, failure)) {
+    zel::ctl::Report(failure);
+    return failure.status;
+  }
   zel::ctl::SignalCleanup cleanup;
   zel::service_client::Runner runner(invocation.settings, &cleanup);
   LineReader reader(stdin);
