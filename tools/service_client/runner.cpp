@@ -384,7 +384,8 @@ Outcome Runner::RunLine(const std::string& line) {
   Outcome outcome;
   std::vector<std::string> words;
   Request request;
-  if (SplitLine(line, words, outcome.failure) && !IsSkipped(words) && ParseRequest(words, request, outcome.failure)) {
+  if (SplitLine(line, words, outcome.failure) && !IsBlankOrComment(words) &&
+      ParseRequest(words, request, outcome.failure)) {
     outcome.command = request.command;
     if (request.command->inBatch) return Run(request);
     outcome.failure = Fail(kStatusUsage, Shown(request.typed), "not on a line of standard input");

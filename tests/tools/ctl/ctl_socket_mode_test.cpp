@@ -46,9 +46,7 @@ class CtlSocketModeTest : public CtlTest {
   mode_t mSaved = 0;
 };
 
-TEST_F(CtlSocketModeTest, ClientSocketIsTheOwnersAloneWhateverTheUmask) {
-  EXPECT_EQ(OneShotSocketMode(), 0600);
-}
+TEST_F(CtlSocketModeTest, ClientSocketIsTheOwnersAloneWhateverTheUmask) { EXPECT_EQ(OneShotSocketMode(), 0600); }
 
 TEST_F(CtlSocketModeTest, ClientSocketInASetGroupIdDirectoryIsTheGroupsToo) {
   ASSERT_EQ(::chmod(dir.path().c_str(), 02750), 0);
