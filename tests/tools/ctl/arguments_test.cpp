@@ -131,8 +131,9 @@ TEST_F(ArgumentsTest, EmptyPathsAndProgramsNameTheirOption) {
 
 TEST_F(ArgumentsTest, HelpListsEveryCommandAndOption) {
   const std::string help = HelpText();
-  for (const char* line : {"\n  ping (send_ping)  ", "\n  stations (atcmd_wlanapclist)  ", "\n  send N [FIELD...]  ",
-                           "\n  watch  ", "\n  -  ", "\n  -s, --service PATH  ", "\n  -j, --json  ", "\n  -V, --version  "}) {
+  for (const char* line :
+       {"\n  ping (send_ping)  ", "\n  stations (atcmd_wlanapclist)  ", "\n  send N [FIELD...]  ", "\n  watch  ",
+        "\n  -  ", "\n  -s, --service PATH  ", "\n  -j, --json  ", "\n  -V, --version  "}) {
     EXPECT_NE(help.find(line), std::string::npos) << line;
   }
   EXPECT_EQ(VersionText(), "kendrivex-ctl 0.1.0\n");

@@ -25,7 +25,9 @@ TEST(ShownTest, ControlBytesAndTheBackslashAreEscaped) {
   EXPECT_EQ(Shown(std::string("a\tb\nc\rd\\e\x1b[0m\x7f\0", 15)), "a\\tb\\nc\\rd\\\\e\\x1b[0m\\x7f\\x00");
 }
 
-TEST(ShownTest, Utf8CharactersAreKept) { EXPECT_EQ(Shown("caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"), "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"); }
+TEST(ShownTest, Utf8CharactersAreKept) {
+  EXPECT_EQ(Shown("caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"), "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80");
+}
 
 TEST(ShownTest, BytesThatAreNotUtf8AreEscaped) {
   // A lone continuation byte, an overlong form, a surrogate, a code point

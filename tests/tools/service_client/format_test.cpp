@@ -34,8 +34,11 @@ TEST(FormatTest, JsonEscapesQuotesBackslashesAndControlCharacters) {
 }
 
 TEST(FormatTest, JsonReplacesBytesThatAreNotUtf8) {
-  EXPECT_EQ(JsonReply("mac", Reply(1, {"ab\xff\xfe" "c", "ok\xc3\xa9"})),
-            "{\"command\":\"mac\",\"code\":1,\"args\":[\"ab\xef\xbf\xbd\xef\xbf\xbd" "c\",\"ok\xc3\xa9\"]}\n");
+  EXPECT_EQ(JsonReply("mac", Reply(1, {"ab\xff\xfe"
+                                       "c",
+                                       "ok\xc3\xa9"})),
+            "{\"command\":\"mac\",\"code\":1,\"args\":[\"ab\xef\xbf\xbd\xef\xbf\xbd"
+            "c\",\"ok\xc3\xa9\"]}\n");
 }
 
 TEST(FormatTest, JsonEventHasTimeIdAndArgsInThatOrder) {

@@ -40,9 +40,9 @@ class WatchTest : public ::testing::Test {
 
   // The simulator, pushing an event with `id` and `text` every 100 ms.
   void StartSim(int id, const std::string& text) {
-    sim = std::make_unique<SimProcess>(KDX_SIM_PATH, ServicePath(), dir.File("sim.log"), dir.File("sim.syslog"),
-                                       std::vector<std::string>{"--event-interval", "100", "--event-id",
-                                                                std::to_string(id), "--event-text", text});
+    sim = std::make_unique<SimProcess>(
+        KDX_SIM_PATH, ServicePath(), dir.File("sim.log"), dir.File("sim.syslog"),
+        std::vector<std::string>{"--event-interval", "100", "--event-id", std::to_string(id), "--event-text", text});
     ASSERT_TRUE(sim->WaitUntilServing());
   }
 
