@@ -13,6 +13,12 @@ std::string DecimalText(uint32_t value) {
   return std::string(text, length > 0 ? static_cast<size_t>(length) : 0);
 }
 
+std::string SignedDecimalText(int32_t value) {
+  char text[16];
+  const int length = std::snprintf(text, sizeof text, "%d", static_cast<int>(value));
+  return std::string(text, length > 0 ? static_cast<size_t>(length) : 0);
+}
+
 bool ParseDecimal(const std::string& text, uint64_t max, uint64_t& value) {
   if (text.empty()) return false;
   uint64_t parsed = 0;

@@ -11,6 +11,8 @@ namespace zel::util {
 
 // "0", "42", "4294967295": no sign, no padding.
 std::string DecimalText(uint32_t value);
+// "-3", "0", "42": a minus sign for a negative number, no padding.
+std::string SignedDecimalText(int32_t value);
 
 // The number that a text of decimal digits only (no sign, no blanks, at
 // least one digit) stands for, when it is at most `max`; false for any other

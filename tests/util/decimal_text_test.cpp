@@ -15,6 +15,13 @@ TEST(DecimalTextTest, NumberIsWrittenWithoutPadding) { EXPECT_EQ(DecimalText(424
 
 TEST(DecimalTextTest, LargestNumberIsWrittenInFull) { EXPECT_EQ(DecimalText(UINT32_MAX), "4294967295"); }
 
+TEST(DecimalTextTest, SignedNumberHasItsMinusSign) {
+  EXPECT_EQ(SignedDecimalText(-3), "-3");
+  EXPECT_EQ(SignedDecimalText(0), "0");
+  EXPECT_EQ(SignedDecimalText(INT32_MIN), "-2147483648");
+  EXPECT_EQ(SignedDecimalText(INT32_MAX), "2147483647");
+}
+
 TEST(ParseDecimalTest, DigitsGiveTheirNumber) {
   uint64_t value = 0;
   ASSERT_TRUE(ParseDecimal("0042", 100, value));

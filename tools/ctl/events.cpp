@@ -17,6 +17,7 @@
 #include "tools/ctl/signals.h"
 #include "tools/service_client/format.h"
 #include "tools/service_client/watch.h"
+#include "util/decimal_text.h"
 #include "util/stop_signals.h"
 
 extern char** environ;
@@ -54,9 +55,9 @@ bool FindExecutable(const std::string& program, std::string& path) {
 }
 
 std::string HowItEnded(int status) {
-  if (WIFEXITED(status)) return "exited with status " + std::to_string(WEXITSTATUS(status));
-  if (WIFSIGNALED(status)) return "killed by signal " + std::to_string(WTERMSIG(status));
-  return "ended with wait status " + std::to_string(status);
+  if (WIFEXITED(status)) return "exited with status " + zel::util::SignedDecimalText(WEXITSTATUS(status));
+  if (WIFSIGNALED(status)) return "killed by signal " + zel::util::SignedDecimalText(WTERMSIG(status));
+  return "ended with wait status " + zel::util::SignedDecimalText(status);
 }
 
 // The program that --exec runs for each event, with the event's number and
@@ -77,7 +78,7 @@ class EventProgram {
       failure = Fail(service_client::kStatusLocal, Shown(), "cannot start: no such executable program");
       return false;
     }
-    std::vector<std::string> words = {mProgram, std::to_string(event.id)};
+    std::vector<std::string> words = {mProgram, zel::util::SignedDecimalText(event.id)};
     words.insert(words.end(), event.args.begin(), event.args.end());
     std::vector<char*> argv;
     argv.reserve(words.size() + 1);

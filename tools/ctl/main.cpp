@@ -17,6 +17,7 @@
 #include "tools/ctl/output.h"
 #include "tools/ctl/signals.h"
 #include "tools/service_client/runner.h"
+#include "util/decimal_text.h"
 
 namespace {
 
@@ -37,9 +38,10 @@ class LineReader {
   bool Next(std::string& line) {
     const ssize_t length = ::getline(&mBuffer, &mCapacity, mInput);
     if (length < 0) return false;
-    line.assign(mBuffer, static_cast<size_t>(length));
-    if (!line.empty() && line.back() == '\n') line.pop_back();
-    if (!line.empty() && line.back() == '\r') line.pop_back();
+    auto end = static_cast<size_t>(length);
+    if (end > 0 && mBuffer[end - 1] == '\n') --end;
+    if (end > 0 && mBuffer[end - 1] == '\r') --end;
+    line.assign(mBuffer, end);
     return true;
   }
 
@@ -72,6 +74,14 @@ int RunOneShot(const Invocation& invocation, Output& output) {
 // at a time; a failing line does not stop the batch, whose status is that
 // of the first failure.
 int RunBatch(const Invocation& invocation, Output& output) {
+  // A batch that cannot reach the service says so once, before it reads a
+  // line, rather than once for every line.
+  zel::service_client::Failure failure;
+  if (!zel::service_client::CheckService(invocation.settings.servicePath, failure) ||
+      !zel::service_client::CheckDirectory(invocation.settings.dir, false, failure)) {
+    zel::ctl::Report(failure);
+    return failure.status;
+  }
   zel::ctl::SignalCleanup cleanup;
   zel::service_client::Runner runner(invocation.settings, &cleanup);
   LineReader reader(stdin);
@@ -81,7 +91,8 @@ int RunBatch(const Invocation& invocation, Output& output) {
   while (!output.Broken() && reader.Next(line)) {
     ++number;
     Outcome outcome = runner.RunLine(line);
-    const int status = Show(outcome, "line " + std::to_string(number) + ": ", invocation.json, output);
+    const int status =
+        Show(outcome, "line " + zel::util::DecimalText(static_cast<uint32_t>(number)) + ": ", invocation.json, output);
     if (firstFailure == zel::service_client::kStatusOk) firstFailure = status;
   }
   return firstFailure;

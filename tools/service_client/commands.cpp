@@ -105,6 +105,6 @@ bool SplitLine(const std::string& line, std::vector<std::string>& words, Failure
   return true;
 }
 
-bool IsSkipped(const std::vector<std::string>& words) { return words.empty() || words[0][0] == '#'; }
+bool IsBlankOrComment(const std::vector<std::string>& words) { return words.empty() || words[0][0] == '#'; }
 
 }  // namespace zel::service_client

@@ -72,6 +72,6 @@ bool SplitLine(const std::string& line, std::vector<std::string>& words, Failure
 
 // Whether a batch line of these words asks for nothing: it is blank, or a
 // comment (its first word begins with '#').
-bool IsSkipped(const std::vector<std::string>& words);
+bool IsBlankOrComment(const std::vector<std::string>& words);
 
 }  // namespace zel::service_client

@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
+#include "util/decimal_text.h"
+
 namespace zel::service_client {
 namespace {
 
@@ -38,11 +40,11 @@ std::string JsonEvent(const std::string& time, const zel::ipc::IPCEvent& event) 
 }
 
 std::string PlainReply(const zel::ipc::IPCResult& reply) {
-  return TabSeparated(std::to_string(reply.code), reply.args);
+  return TabSeparated(zel::util::SignedDecimalText(reply.code), reply.args);
 }
 
 std::string PlainEvent(const std::string& time, const zel::ipc::IPCEvent& event) {
-  return TabSeparated(time + "\t" + std::to_string(event.id), event.args);
+  return TabSeparated(time + "\t" + zel::util::SignedDecimalText(event.id), event.args);
 }
 
 std::string UtcTime(const timespec& moment) {

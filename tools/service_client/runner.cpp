@@ -81,7 +81,9 @@ bool Reachable(const std::string& path, int& error) {
 
 std::string Milliseconds(uint32_t ms) { return zel::util::DecimalText(ms) + " ms"; }
 
-std::string AnsweredCode(int32_t code) { return "the service answered with code " + std::to_string(code); }
+std::string AnsweredCode(int32_t code) {
+  return "the service answered with code " + zel::util::SignedDecimalText(code);
+}
 
 // Reads a reply in its command's style: the plain output and, for a reply
 // that is not a success, why.
@@ -360,7 +362,8 @@ Failure Runner::Unanswered(const Request& request, const zel::ipc::IPCRequest& s
   const Settings& settings = mClients->settings();
   if (sendResult == -EMSGSIZE) {
     return Fail(kStatusUsage, Shown(request.typed),
-                "the request of " + std::to_string(zel::ipc::FormatRequest(sent).size()) +
+                "the request of " +
+                    zel::util::DecimalText(static_cast<uint32_t>(zel::ipc::FormatRequest(sent).size())) +
                     " bytes is too long for one datagram");
   }
   // Only a request that went out can have a late reply.
@@ -384,7 +387,8 @@ Outcome Runner::RunLine(const std::string& line) {
   Outcome outcome;
   std::vector<std::string> words;
   Request request;
-  if (SplitLine(line, words, outcome.failure) && !IsSkipped(words) && ParseRequest(words, request, outcome.failure)) {
+  if (SplitLine(line, words, outcome.failure) && !IsBlankOrComment(words) &&
+      ParseRequest(words, request, outcome.failure)) {
     outcome.command = request.command;
     if (request.command->inBatch) return Run(request);
     outcome.failure = Fail(kStatusUsage, Shown(request.typed), "not on a line of standard input");
