@@ -17,8 +17,9 @@ constexpr char kStopText[] = "bool zel::bridge::Bridge::Stop()";
 // How long the broker may take to acknowledge "offline".
 constexpr milliseconds kOfflineTime(1000);
 // How long after the stop signal a command still waiting for the service may
-// keep the stop waiting, so that a stop ends within 2 s.
-constexpr milliseconds kCommandTime(1500);
+// keep the stop waiting: a service that answers at all answers well within
+// it, and the stop still ends within 2 s.
+constexpr milliseconds kCommandTime(500);
 
 }  // namespace
 

@@ -145,8 +145,12 @@ std::vector<std::string> BridgeTest::LeftOver() const {
 }
 
 void BridgeTest::ExpectCleanStop(int signo, std::chrono::milliseconds limit) {
+  const auto start = std::chrono::steady_clock::now();
   bridge->Signal(signo);
-  const Result result = bridge->Finish(StopLimit(limit));
+  // Waited for a while beyond the limit, so that a slow stop shows how slow.
+  const Result result = bridge->Finish(StopLimit(limit) + std::chrono::seconds(10));
+  const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
+  EXPECT_LE(took, StopLimit(limit)) << "the stop took " << took.count() << " ms";
   EXPECT_EQ(result.exitCode, 0) << result.err;
   EXPECT_EQ(result.signal, 0);
   EXPECT_EQ(LeftOver(), std::vector<std::string>());
