@@ -149,6 +149,7 @@ bool MqttSession::Step(std::string& why) {
 
 bool MqttSession::Subscribe(const std::vector<std::string>& topics, int& mid) {
   std::vector<char*> filters;
+  filters.reserve(topics.size());
   for (const std::string& topic : topics) filters.push_back(const_cast<char*>(topic.c_str()));
   return mosquitto_subscribe_multiple(mClient, &mid, static_cast<int>(filters.size()), filters.data(), kQos,
                                       MQTT_SUB_OPT_SEND_RETAIN_NEVER, nullptr) == MOSQ_ERR_SUCCESS;

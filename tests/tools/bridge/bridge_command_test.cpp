@@ -17,9 +17,11 @@ namespace {
 using Answer = FakeService::Answer;
 using ::zel::test::WaitUntil;
 
-const std::vector<std::string> kSimStations = {"f2:3a:9c:51:0e:47 192.168.43.12 pixel-7",
-                                               "3c:22:fb:91:4d:a7 192.168.43.27 maintenance-laptop",
-                                               "b8:27:eb:6f:03:d2 192.168.43.40 sensor-gateway"};
+// The simulator's stations unless told otherwise.
+std::vector<std::string> SimStations() {
+  return {"f2:3a:9c:51:0e:47 192.168.43.12 pixel-7", "3c:22:fb:91:4d:a7 192.168.43.27 maintenance-laptop",
+          "b8:27:eb:6f:03:d2 192.168.43.40 sensor-gateway"};
+}
 
 class BridgeCommandTest : public BridgeTest {
  protected:
@@ -44,7 +46,7 @@ TEST_F(BridgeCommandTest, PingIsAnsweredOnItsResponseTopicWithItsCorrelationData
 TEST_F(BridgeCommandTest, StationsAndMacAreAnsweredAsKendrivexCtlPrintsThemInJson) {
   StartSim();
   StartOnline();
-  EXPECT_EQ(Ask("stations"), AnsweredPayload("stations", 1, kSimStations));
+  EXPECT_EQ(Ask("stations"), AnsweredPayload("stations", 1, SimStations()));
   EXPECT_EQ(Ask("mac"), AnsweredPayload("mac", 1, {"02:1a:7d:4c:88:e1"}));
 }
 

@@ -28,7 +28,7 @@ class BridgeOptionTest : public BridgeTest {
   }
 
   std::string WriteFile(const std::string& name, const std::string& text) {
-    const std::string path = dir.File(name);
+    std::string path = dir.File(name);
     std::ofstream(path) << text;
     return path;
   }

@@ -77,7 +77,7 @@ class BridgeSecurityTest : public BridgeTest {
   std::string TlsUrl() const { return "mqtts://127.0.0.1:" + std::to_string(tlsPort); }
 
   std::string WriteFile(const std::string& name, const std::string& text) {
-    const std::string path = dir.File(name);
+    std::string path = dir.File(name);
     std::ofstream(path) << text;
     return path;
   }
