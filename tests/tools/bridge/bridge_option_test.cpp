@@ -158,6 +158,17 @@ TEST_F(BridgeOptionTest, MissingDirectoryIsALocalFailure) {
   EXPECT_EQ(result.err, ErrorLine(dir.File("none"), "No such file or directory"));
 }
 
+TEST_F(BridgeOptionTest, VerboseCopiesTheDiagnosticsToStandardError) {
+  // The system log is not captured here: the copy is the C library's.
+  PipeProcess::Options uncaptured;
+  uncaptured.env = {"KENDRIVEX_SERVICE=", "KENDRIVEX_DIR="};
+  const std::string config = WriteFile("verbose.conf", "verbose = yes\n");
+  bridge = std::make_unique<PipeProcess>(Command({"-c", config}), uncaptured);
+  EXPECT_TRUE(bridge->WaitForErr("cannot reach the broker at " + broker.Url() + ": Connection refused; trying again "
+                                 "in 1 s\n"))
+      << bridge->Err();
+}
+
 TEST_F(BridgeOptionTest, ConfigurationFileSetsOptionsAndTheCommandLineWins) {
   StartBroker();
   StartFake();
