@@ -11,10 +11,10 @@ set -euo pipefail
 # bash-completion loads the completion that the tests try; libclang-rt-14-dev
 # carries the input splitter that the fuzz targets use (the test run replays
 # them in every build). kendrivex-bridge links libmosquitto; its tests run a
-# broker of their own (mosquitto) and check its systemd unit (systemd-analyze,
-# from systemd).
+# broker of their own (mosquitto), make its certificates (openssl) and check
+# its systemd unit (systemd-analyze, from systemd).
 packages=(cmake ninja-build ccache g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-  bash-completion libclang-rt-14-dev libmosquitto-dev mosquitto mosquitto-clients systemd)
+  bash-completion libclang-rt-14-dev libmosquitto-dev mosquitto mosquitto-clients openssl systemd)
 sysroot=false
 for arg in "$@"; do
   case "$arg" in

@@ -1,5 +1,7 @@
 #include "tools/bridge/config_file.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -22,6 +24,13 @@ std::string ConfigFile::Where(const std::string& path, size_t line) { return pat
 bool ConfigFile::Read(const std::string& path, std::vector<ConfigEntry>& entries,
                       zel::service_client::Failure& failure) {
   entries.clear();
+  // A directory opens as a stream that simply holds nothing.
+  struct stat info {};
+  if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+    failure =
+        zel::service_client::Fail(zel::service_client::kStatusUsage, path, zel::service_client::ErrorText(EISDIR));
+    return false;
+  }
   std::ifstream file(path);
   if (!file) {
     failure = zel::service_client::Fail(zel::service_client::kStatusUsage, path, zel::service_client::ErrorText(errno));

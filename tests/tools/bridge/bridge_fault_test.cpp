@@ -1,8 +1,11 @@
 // Under faults: a broker away at start or lost (the back-off, "online" again,
 // the events kept meanwhile and the oldest dropped beyond --queue), a
 // service restarted or stuck, the stop signals, and SIGKILL.
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -120,6 +123,56 @@ TEST_F(BridgeFaultTest, RestartedServiceGoesDownThenUpAndIsRegisteredWithAgain) 
   ASSERT_TRUE(fake->SendTo(eventPath, "5\tagain"));
   ASSERT_TRUE(subscriber->WaitForCount(Topic("event/5"), 1));
   EXPECT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));
+}
+
+TEST_F(BridgeFaultTest, HealthPingsFindAServiceThatStoppedAnswering) {
+  StartBroker();
+  StartFake();
+  auto subscriber = Client({Topic("service")});
+  StartOnline({"--health", "1"});
+  // A ping a second after the last request, without a command.
+  ASSERT_TRUE(fake->WaitForRequestsFor(1, 1));
+  EXPECT_EQ(fake->RequestsFor(1)[0].text, "1");
+  fake->Script(1, Answer::Never());
+  ASSERT_TRUE(subscriber->WaitForCount(Topic("service"), 2, seconds(20)));
+  EXPECT_EQ(subscriber->PayloadsOn(Topic("service")), (std::vector<std::string>{"up", "down"}));
+}
+
+TEST_F(BridgeFaultTest, ReplyMadeWhileTheBrokerIsAwayIsDroppedAndLogged) {
+  StartBroker();
+  StartFake();
+  fake->Script(1, Answer::Reply("1\tPONG", std::chrono::milliseconds(1000)));
+  StartOnline();
+  auto requester = Client({"test/replies/#"});
+  ASSERT_TRUE(requester->Request(Topic("cmd"), "ping", "test/replies/late", std::nullopt));
+  ASSERT_TRUE(fake->WaitForRequestsFor(1, 1));
+  requester.reset();
+  ASSERT_TRUE(broker.Stop());
+  EXPECT_TRUE(
+      WaitForLog("void zel::bridge::MqttLink::DropReplies() 1: reply to [test/replies/late] dropped: not "
+                 "connected to the broker\n"));
+}
+
+TEST_F(BridgeFaultTest, BrokerThatNeverAnswersIsLeftAfterTenSecondsAndTriedAgain) {
+  // A port that takes connections (the kernel completes them) and never says
+  // a word.
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_GE(fd, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(fd, 4), 0);
+  ASSERT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  const std::string url = "mqtt://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+  StartFake();
+  StartBridge({"-b", url});
+  EXPECT_TRUE(WaitForLog("void zel::bridge::MqttLink::Lose(const std::string&) 2: cannot reach the broker at " + url +
+                             ": no answer within 10 s; trying again in 1 s\n",
+                         seconds(30)));
+  ExpectCleanStop(SIGTERM, seconds(2));
+  ::close(fd);
 }
 
 TEST_F(BridgeFaultTest, StuckServiceAnswersEachCommandWithItsErrorInTurn) {

@@ -152,6 +152,10 @@ TEST_F(BridgeOptionTest, ConfigurationFileErrorsNameTheirLine) {
   ExpectUsageError({"-c", badFlag}, ErrorLine(badFlag + ":1", "verbose: not yes or no: \"maybe\""));
 }
 
+TEST_F(BridgeOptionTest, ConfigurationFileThatIsADirectoryIsAUsageError) {
+  ExpectUsageError({"-c", dir.path()}, ErrorLine(dir.path(), "Is a directory"));
+}
+
 TEST_F(BridgeOptionTest, MissingDirectoryIsALocalFailure) {
   const Result result = RunBare({"-s", ServicePath(), "-d", dir.File("none"), "-b", broker.Url(), "-i", "box1"});
   EXPECT_EQ(result.exitCode, 4);
@@ -164,7 +168,8 @@ TEST_F(BridgeOptionTest, VerboseCopiesTheDiagnosticsToStandardError) {
   uncaptured.env = {"KENDRIVEX_SERVICE=", "KENDRIVEX_DIR="};
   const std::string config = WriteFile("verbose.conf", "verbose = yes\n");
   bridge = std::make_unique<PipeProcess>(Command({"-c", config}), uncaptured);
-  EXPECT_TRUE(bridge->WaitForErr("cannot reach the broker at " + broker.Url() + ": Connection refused; trying again "
+  EXPECT_TRUE(bridge->WaitForErr("cannot reach the broker at " + broker.Url() +
+                                 ": Connection refused; trying again "
                                  "in 1 s\n"))
       << bridge->Err();
 }
