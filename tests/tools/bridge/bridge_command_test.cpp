@@ -70,6 +70,13 @@ TEST_F(BridgeCommandTest, RequestWithoutAResponseTopicIsAnsweredOnTheBoxsReplyTo
   EXPECT_FALSE(reply.retain);
 }
 
+TEST_F(BridgeCommandTest, EmptyAllowListTakesNoCommand) {
+  StartFake();
+  StartOnline({"--allow", ""});
+  EXPECT_EQ(Ask("ping"), ErrorPayload("ping", 2, "ping: not allowed from the broker"));
+  EXPECT_TRUE(Commands().empty());
+}
+
 TEST_F(BridgeCommandTest, ServiceAnswerOfAnotherCodeIsPassedOn) {
   StartFake();
   fake->Script(3, Answer::Reply("0\tno radio"));

@@ -48,6 +48,22 @@ TEST_F(BridgeOptionTest, HelpListsEveryOptionAndExitsWithZero) {
   }
 }
 
+TEST_F(BridgeOptionTest, HelpWinsOverVersionWhicheverComesFirst) {
+  EXPECT_EQ(RunBare({"-V", "-h"}).out.rfind("Usage: kendrivex-bridge", 0), 0u);
+  EXPECT_EQ(RunBare({"--help", "--version"}).out.rfind("Usage: kendrivex-bridge", 0), 0u);
+}
+
+TEST_F(BridgeOptionTest, ServiceAndDirectoryComeFromTheEnvironmentUnlessGiven) {
+  PipeProcess::Options options = Options();
+  options.env = {"KENDRIVEX_SERVICE=" + ServicePath(), "KENDRIVEX_DIR=", "TMPDIR=" + dir.File("none")};
+  const Result result = PipeProcess::Run({KDX_BRIDGE_PATH, "-b", broker.Url(), "-i", "box1"}, "", options);
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(result.err, ErrorLine(dir.File("none"), "No such file or directory"));
+  options.env = {"KENDRIVEX_SERVICE=" + ServicePath(), "KENDRIVEX_DIR=" + dir.File("other"), "TMPDIR=" + dir.path()};
+  EXPECT_EQ(PipeProcess::Run({KDX_BRIDGE_PATH, "-i", "box1"}, "", options).err,
+            ErrorLine(dir.File("other"), "No such file or directory"));
+}
+
 TEST_F(BridgeOptionTest, VersionPrintsTheProgramAndItsVersion) {
   const Result result = RunBare({"-V"});
   EXPECT_EQ(result.exitCode, 0);
@@ -94,6 +110,12 @@ TEST_F(BridgeOptionTest, IdMayNotBeEmptyNorHoldTopicSeparatorsOrWildcards) {
 TEST_F(BridgeOptionTest, PrefixMayNotBeEmptyNorHoldWildcards) {
   ExpectUsageError({"-p", ""}, ErrorLine("-p", "may not be empty or hold '+' or '#': \"\""));
   ExpectUsageError({"--prefix", "a/+"}, ErrorLine("--prefix", "may not be empty or hold '+' or '#': \"a/+\""));
+  ExpectUsageError({"--prefix", "a\x01"},
+                   ErrorLine("--prefix", "not text that a topic can hold (UTF-8 without control characters)"));
+}
+
+TEST_F(BridgeOptionTest, UserNameMayNotBeEmpty) {
+  ExpectUsageError({"--username", ""}, ErrorLine("--username", "may not be empty"));
 }
 
 TEST_F(BridgeOptionTest, AllowTakesOnlyCommandsOfABatchLine) {
@@ -119,6 +141,9 @@ TEST_F(BridgeOptionTest, TlsFilesMustBeReadable) {
                    ErrorLine("--cafile", dir.File("none.pem") + ": No such file or directory"));
   ExpectUsageError({"--capath", dir.File("none")},
                    ErrorLine("--capath", dir.File("none") + ": No such file or directory"));
+  const std::string file = WriteFile("ca.pem", "x");
+  ExpectUsageError({"--capath", file}, ErrorLine("--capath", file + ": not a directory"));
+  ExpectUsageError({"--cafile", dir.path()}, ErrorLine("--cafile", dir.path() + ": a directory"));
 }
 
 TEST_F(BridgeOptionTest, CertificateAndKeyComeTogether) {
@@ -166,7 +191,7 @@ TEST_F(BridgeOptionTest, VerboseCopiesTheDiagnosticsToStandardError) {
   // The system log is not captured here: the copy is the C library's.
   PipeProcess::Options uncaptured;
   uncaptured.env = {"KENDRIVEX_SERVICE=", "KENDRIVEX_DIR="};
-  const std::string config = WriteFile("verbose.conf", "verbose = yes\n");
+  const std::string config = WriteFile("verbose.conf", "verbose = no\nverbose = yes\n");
   bridge = std::make_unique<PipeProcess>(Command({"-c", config}), uncaptured);
   EXPECT_TRUE(bridge->WaitForErr("cannot reach the broker at " + broker.Url() +
                                  ": Connection refused; trying again "

@@ -145,7 +145,8 @@ TEST_F(BridgeSecurityTest, PasswordComesFromTheFirstLineOfItsFile) {
   },
       "");
   StartFake();
-  const std::string password = WriteFile("password", "s3cret word\nnot this line\n");
+  // A file written on Windows has its line end too.
+  const std::string password = WriteFile("password", "s3cret word\r\nnot this line\n");
   auto status = Client({Topic("status")}, User("tester", "t"));
   StartBridge({"--username", "box1", "--password-file", password});
   ASSERT_TRUE(WaitForStatus(*status, "online")) << bridge->Err();

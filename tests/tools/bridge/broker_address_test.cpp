@@ -48,9 +48,10 @@ TEST(BrokerAddressTest, TakesIpv6InBrackets) {
 }
 
 TEST(BrokerAddressTest, RefusesWhatIsNotABrokerUrl) {
-  for (const char* url : {"", "localhost", "tcp://localhost", "mqtt://", "mqtt://:1883", "mqtt://h:", "mqtt://h:0",
-                          "mqtt://h:65536", "mqtt://h:12x", "mqtt://h/path", "mqtt://user@h", "mqtt://[::1",
-                          "mqtt://[]:1", "mqtt://[::1]x", "mqtt://[h]", "mqtt://a b", "MQTT://h"}) {
+  for (const char* url :
+       {"", "localhost", "tcp://localhost", "mqtt://", "mqtt://:1883", "mqtt://h:", "mqtt://h:0", "mqtt://h:65536",
+        "mqtt://h:12x", "mqtt://h/path", "mqtt://user@h", "mqtt://[::1", "mqtt://[]:1", "mqtt://[::1]x",
+        "mqtt://[::1]:", "mqtt://[::1]:0", "mqtt://[h]", "mqtt://a b", "MQTT://h"}) {
     BrokerAddress address;
     address.host = "unchanged";
     EXPECT_FALSE(BrokerAddress::Parse(url, address)) << url;

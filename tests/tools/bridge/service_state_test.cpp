@@ -32,9 +32,11 @@ TEST(ServiceStateTest, EachChangeIsKeptInTurnAndSaidInTheLog) {
   EXPECT_TRUE(state.TakeChanges().empty());
   EXPECT_EQ(state.Current(), Value::Up);
   const std::string prefix = "void zel::bridge::ServiceState::Set(zel::bridge::ServiceState::Value) 1: the service at ";
-  EXPECT_EQ(SyslogCapture::Records(), (std::vector<LogRecord>{{LOG_INFO, prefix + "[/svc] is up\n"},
-                                                              {LOG_INFO, prefix + "[/svc] is down\n"},
-                                                              {LOG_INFO, prefix + "[/svc] is up\n"}}));
+  EXPECT_EQ(SyslogCapture::Records(), (std::vector<LogRecord>{
+                                          {LOG_INFO, prefix + "[/svc] is up\n"  },
+                                          {LOG_INFO, prefix + "[/svc] is down\n"},
+                                          {LOG_INFO, prefix + "[/svc] is up\n"  }
+  }));
 }
 
 }  // namespace
