@@ -125,6 +125,25 @@ TEST(PtyProcessTest, StandardInputCanBeClosed) {
   EXPECT_EQ(ProbedInput(PtyProcess::Input::Closed), "stdin closed\r\n");
 }
 
+TEST(PtyProcessTest, StandardOutputCanBeAPipeReadWhileTheProgramRuns) {
+  PtyProcess::Options options;
+  options.output = PtyProcess::OutputSink::Pipe;
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "keys"}, options);
+  ASSERT_TRUE(probe.Type("a"));
+  ASSERT_TRUE(probe.WaitForPipeOutput("key>[61]\nkey>"));
+  EXPECT_EQ(probe.PipeOutput(), "key>[61]\nkey>");
+  EXPECT_EQ(probe.Output(), "");
+}
+
+TEST(PtyProcessTest, PipedOutputIsCollectedToItsEndWhenTheProgramEnds) {
+  PtyProcess::Options options;
+  options.output = PtyProcess::OutputSink::Pipe;
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "keys"}, options);
+  ASSERT_TRUE(probe.Type("q"));
+  ASSERT_TRUE(probe.WaitForExit().has_value());
+  EXPECT_EQ(probe.PipeOutput(), "key>[71]\n");
+}
+
 TEST(PtyProcessTest, SettingsShowTheProgramsModeAndStayReadableAfterItsEnd) {
   PtyProcess probe({KDX_PTY_PROBE_PATH, "keys"});
   ASSERT_TRUE(probe.WaitForKeyRead());
