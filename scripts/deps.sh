@@ -9,9 +9,9 @@ set -euo pipefail
 # nlohmann-json3-dev is header-only and serves the cross build too;
 # bash-completion loads the completion that the tests try; libclang-rt-14-dev
 # carries the input splitter that the fuzz targets use (the test run replays
-# them in every build).
+# them in every build); jq is in the README's examples, which a test runs.
 packages=(cmake ninja-build ccache g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-  bash-completion libclang-rt-14-dev)
+  bash-completion libclang-rt-14-dev jq)
 for arg in "$@"; do
   case "$arg" in
     release|asan|tsan|size) ;;
@@ -34,7 +34,10 @@ echo "installing: ${missing[*]}"
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
-if ! $sudo apt-get install -y --no-install-recommends "${missing[@]}"; then
-  $sudo apt-get update
-  $sudo apt-get install -y --no-install-recommends "${missing[@]}"
+# Another apt-get (a second script installing at the same time) holds dpkg's
+# lock for a while: wait for it rather than fail.
+lock_wait=(-o DPkg::Lock::Timeout=600)
+if ! $sudo apt-get "${lock_wait[@]}" install -y --no-install-recommends "${missing[@]}"; then
+  $sudo apt-get "${lock_wait[@]}" update
+  $sudo apt-get "${lock_wait[@]}" install -y --no-install-recommends "${missing[@]}"
 fi

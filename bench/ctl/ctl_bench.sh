@@ -32,12 +32,12 @@ cleanup() {
 }
 trap cleanup EXIT
 
-"$build/tools/sim/kendrivex-sim" --log /dev/null --event-interval 0 "$tmp/svc" &
+"$build/bin/kendrivex-sim" --log /dev/null --event-interval 0 "$tmp/svc" &
 sim_pid=$!
 for _ in $(seq 200); do [ -S "$tmp/svc" ] && break; sleep 0.05; done
 [ -S "$tmp/svc" ] || { echo "ctl_bench: the simulator did not start" >&2; exit 1; }
 
-ctl="$build/tools/ctl/kendrivex-ctl"
+ctl="$build/bin/kendrivex-ctl"
 hello="$build/bench/ctl/ctl_bench_hello"
 loop="$build/bench/ctl/ctl_bench_c_loop"
 seq "$count" | sed "s/.*/ping/" >"$tmp/pings"

@@ -75,11 +75,22 @@ TEST_F(SimProgramTest, HelpPrintsTheUsageAndExitsWithZero) {
   EXPECT_EQ(Printable(output), Printable(OnTerminal(SimOptions::Usage(kSim))));
 }
 
-TEST_F(SimProgramTest, CommandLineErrorIsShownWithTheUsage) {
+TEST_F(SimProgramTest, VersionPrintsTheProgramAndItsVersionAndExitsWithZero) {
+  EXPECT_EQ(RunToEnd({"--version"}), 0);
+  EXPECT_EQ(output, std::string("kendrivex-sim ") + KDX_VERSION + "\r\n");
+}
+
+TEST_F(SimProgramTest, CommandLineErrorIsOneLineThatPointsToHelp) {
   EXPECT_EQ(RunToEnd({"--delay", "soon", dir.File("svc")}), 2);
   EXPECT_EQ(Printable(output),
-            Printable(OnTerminal(std::string(kSim) + ": bad --delay: soon\n" + SimOptions::Usage(kSim))));
+            Printable(std::string(kSim) + ": --delay: not a whole number of milliseconds from 0 to 4294967295: "
+                                          "\"soon\" (try --help)\r\n"));
   EXPECT_FALSE(Exists(dir.File("svc")));
+}
+
+TEST_F(SimProgramTest, UnknownOptionIsOneLineThatPointsToHelp) {
+  EXPECT_EQ(RunToEnd({"--bogus", dir.File("svc")}), 2);
+  EXPECT_EQ(output, std::string(kSim) + ": --bogus: unknown option (try --help)\r\n");
 }
 
 TEST_F(SimProgramTest, PathTooLongForASocketAddressIsRefused) {
