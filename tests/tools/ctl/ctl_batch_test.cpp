@@ -72,6 +72,13 @@ TEST_F(CtlTest, BatchTakesLinesWithWindowsLineEnds) {
   EXPECT_EQ(result.out, "PONG\n1\tPONG\n");
 }
 
+TEST_F(CtlTest, BatchWithoutAServiceSaysSoOnceBeforeReadingALine) {
+  const Result result = Ctl({"-"}, "ping\nmac\n");
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, ErrorLine(ServicePath(), "No such file or directory"));
+}
+
 TEST_F(CtlTest, BatchOfNothingSucceedsWithoutARequest) {
   StartFake();
   const Result result = Ctl({"-"}, "");
