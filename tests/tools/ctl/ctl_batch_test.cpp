@@ -73,7 +73,13 @@ TEST_F(CtlTest, BatchTakesLinesWithWindowsLineEnds) {
 }
 
 TEST_F(CtlTest, BatchWithoutAServiceSaysSoOnceBeforeReadingALine) {
-  const Result result = Ctl({"-"}, "ping\nmac\n");
+  // From a file: the program ends before it reads, and a pipe's writer would
+  // find it gone.
+  const std::string commands = dir.File("commands");
+  std::ofstream(commands) << "ping\nmac\n";
+  PipeProcess::Options options = Options();
+  options.stdinPath = commands;
+  const Result result = PipeProcess::Run(Command({"-"}), "", options);
   EXPECT_EQ(result.exitCode, 3);
   EXPECT_EQ(result.out, "");
   EXPECT_EQ(result.err, ErrorLine(ServicePath(), "No such file or directory"));
