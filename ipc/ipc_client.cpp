@@ -12,6 +12,7 @@
 #include <cinttypes>
 #include <cstring>
 
+#include "ipc/client_paths.h"
 #include "ipc/retry_deadline.h"
 #include "ipc/timed_lock.h"
 #include "ipc/wait_deadline.h"
@@ -34,25 +35,19 @@ constexpr char kEventServerCbText[] = "bool zel::ipc::IPCClient::EventServerCb(i
 constexpr int kMsgServerPathTooLong = 49;
 constexpr int kMsgClientPathTooLong = 75;
 
-// One process may make this many clients in one directory.
-constexpr int kClientSlots = 10;
-// A reply must be shorter than this, so that a zero byte always follows it.
-constexpr size_t kReplyBufferSize = 8192;
 // How long a request waits for its reply unless told otherwise, in
 // microseconds.
 constexpr uint64_t kDefaultReplyTimeoutUs = 5000000;
 // How long the retry thread waits for the send mutex at a time before it
 // looks whether it has been told to stop.
 constexpr uint64_t kRetryLockSliceUs = 50000;
-// The longest path that a Unix socket address holds with its zero byte.
-constexpr size_t kMaxSocketPathLength = sizeof(sockaddr_un::sun_path) - 1;
 
 bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
 // The first of the process's ten slot paths in `dir` that nothing occupies.
 // A stale file left by an earlier process with the same id takes up a slot.
 bool FindFreeClientPath(const std::string& dir, std::string& path) {
-  const std::string stem = dir + "/ipc_client-" + zel::util::DecimalText(static_cast<uint32_t>(::getpid())) + "-";
+  const std::string stem = dir + kClientPathStem + zel::util::DecimalText(static_cast<uint32_t>(::getpid())) + "-";
   for (int slot = 0; slot < kClientSlots; ++slot) {
     std::string candidate = stem + zel::util::DecimalText(static_cast<uint32_t>(slot));
     if (!Exists(candidate)) {
@@ -85,14 +80,14 @@ bool ChooseClientPath(const std::string& server_path, const std::string& client_
     return false;
   }
   std::string dir = client_prefix;
-  if (!dir.empty() && dir.back() == '/') dir.erase(dir.size() - 1);
+  DropTrailingSlash(dir);
   if (!FindFreeClientPath(dir, clientPath)) {
     syslog(LOG_INFO, "%s %d: Cannot make more socket on pid [%d] at [%s]\n", kSetLocalPathText, 71,
            static_cast<int>(::getpid()), client_prefix.c_str());
     return false;
   }
   if (!FitsSocketAddress(clientPath, kMsgClientPathTooLong)) return false;
-  return !withEvents || FitsSocketAddress(clientPath + "-event", kMsgClientPathTooLong);
+  return !withEvents || FitsSocketAddress(clientPath + kEventPathSuffix, kMsgClientPathTooLong);
 }
 
 bool FitsSelect(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
@@ -107,7 +102,9 @@ IPCClient::IPCClient()
       mRegistered(false),
       mRetryLoopActive(false),
       mClosing(false),
-      mSendMutexAbandoned(false) {
+      mSendMutexAbandoned(false),
+      mLastSent(0),
+      mLastReceived(-1) {
   pthread_mutex_init(&mRetryMutex, nullptr);
   pthread_mutex_init(&mSendMutex, nullptr);
   pthread_cond_init(&mRetryCond, nullptr);
@@ -153,7 +150,7 @@ bool IPCClient::SetLocalPath(std::string server_path, std::string client_prefix,
   }
   mServerPath = std::move(server_path);
   mClientPath = std::move(clientPath);
-  mEventPath = mClientPath + "-event";
+  mEventPath = mClientPath + kEventPathSuffix;
   mEventCb = std::move(cb);
   mPathReady = true;
   OpenSockets();
@@ -200,6 +197,8 @@ IPCResult IPCClient::SendFormatString(std::string line) { return Exchange(line, 
 
 IPCResult IPCClient::Exchange(const std::string& line, bool mayReconnect) {
   syslog(LOG_DEBUG, "client snd [%s]\n", line.c_str());
+  mLastSent = 0;
+  mLastReceived = -1;
   if (!mClient) {
     syslog(LOG_ERR, "%s %d: no client socket, set the local path first\n", kSendFormatStringText, 101);
     return Failure(ResultNotConnected);
@@ -216,6 +215,7 @@ IPCResult IPCClient::Exchange(const std::string& line, bool mayReconnect) {
   // The reply is not matched to its request: the next datagram is taken.
   std::vector<char> buffer(kReplyBufferSize);
   const ssize_t received = ReceiveReply(buffer);
+  mLastReceived = received;
   IPCResult result = ParseReceived(buffer, received);
   if (result.code == ResultSuccess && line == RegistrationLine()) SetRegistered(true);
   return result;
@@ -231,6 +231,7 @@ bool IPCClient::SendWhenWritable(const std::string& line, ssize_t& sent) {
   // has room. (A queue that other clients fill in between can still hold the
   // send up until the service reads again.)
   sent = mClient->Send(line);
+  mLastSent = sent;
   return true;
 }
 

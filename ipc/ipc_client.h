@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "ipc/client_paths.h"
 #include "ipc/field_split.h"
 #include "ipc/ipc_message.h"
 #include "ipc/ipc_types.h"
@@ -87,7 +88,27 @@ class IPCClient {
 
   // True when the client's sockets can be waited for by select, whose sets
   // end at FD_SETSIZE; a client whose descriptors lie beyond cannot work.
+  // False too when a socket could not be made or bound (it has no
+  // descriptor then).
   bool DescriptorsFitSelect();
+
+  // This client's socket path, chosen by SetLocalPath; empty until then.
+  // The event socket's path is this with kEventPathSuffix after it.
+  const std::string& GetClientPath() const { return mClientPath; }
+
+  // How the last exchange went, beyond its result: a service may itself
+  // answer with the code 5, which is also the client's own ResultIoFailure.
+  // LastSendResult is what the request's send returned (the bytes sent, a
+  // negated errno, -1 without a connected socket, 0 when the request could
+  // not leave within the reply time-out); LastReplySize is the size of the
+  // datagram taken as the reply (0 for an empty one, kReplyBufferSize for
+  // one that filled the buffer), -1 when none came. They describe the last
+  // exchange by any thread: read them on the thread that sent, in a client
+  // whose retry thread does not send meanwhile (one made without an event
+  // callback has none).
+  ssize_t LastSendResult() const { return mLastSent; }
+  ssize_t LastReplySize() const { return mLastReceived; }
+  bool LastExchangeReplied() const { return mLastReceived >= 0; }
 
  private:
   // A result the client sets itself: the code and no arguments.
@@ -166,6 +187,10 @@ class IPCClient {
   // Set when the destructor could not have the send mutex; it is then left
   // as it is rather than destroyed while held.
   bool mSendMutexAbandoned;
+  // What the last exchange's send returned and the size of its reply
+  // datagram (-1: none); written under the send mutex.
+  ssize_t mLastSent;
+  ssize_t mLastReceived;
 };
 
 namespace detail {

@@ -3,6 +3,7 @@
 // separated by one tab; the first field is a decimal number. Stateless functions.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -12,6 +13,9 @@ namespace zel::ipc {
 
 // The field separator of every line.
 constexpr char kFieldSeparator = '\t';
+// A reply must be shorter than this, so that a zero byte always follows it:
+// the client reads each reply into a buffer of this size.
+constexpr size_t kReplyBufferSize = 8192;
 
 // A command number as the first field of a request ("%u").
 std::string FormatCommand(uint32_t command);

@@ -4,11 +4,14 @@
 #   util   uses nothing else of the project;
 #   ipc    uses util;
 #   app    uses cli, ipc and util;
-#   tools  use cli, ipc and util, never app.
+#   tools/service_client, the tools' client core, uses ipc and util only:
+#          never cli, app or the tools built on it;
+#   tools  use the client core, cli, ipc and util, never app.
 # No folder above includes anything of tests/ or bench/. An include names a
-# folder by its first path component ("ipc/ipc_client.h"); a bare name
-# ("kendrivex_ipc.h") is looked up among the project's headers, after the
-# including file's own directory.
+# folder by its path ("ipc/ipc_client.h"): the longest layer that begins it,
+# else its first component; a bare name ("kendrivex_ipc.h") is looked up
+# among the project's headers, after the including file's own directory. A
+# file belongs to the longest layer its path begins with.
 #
 # Usage: cmake [-DKDX_SOURCE_DIR=<tree>] -P scripts/check_layering.cmake
 # (the tree defaults to the one this script belongs to). The test suite runs
@@ -20,23 +23,40 @@ if(NOT KDX_SOURCE_DIR)
   get_filename_component(KDX_SOURCE_DIR "${CMAKE_CURRENT_LIST_DIR}/.." ABSOLUTE)
 endif()
 
-# The folders checked, and the project folders each may include from.
-set(kdxLayers cli util ipc app tools)
+# The folders checked, and the project folders each may include from. A
+# layer inside another (the client core inside tools) is listed before it.
+set(kdxLayers cli util ipc app tools/service_client tools)
 set(kdxAllowed_cli cli)
 set(kdxAllowed_util util)
 set(kdxAllowed_ipc ipc util)
 set(kdxAllowed_app app cli ipc util)
-set(kdxAllowed_tools tools cli ipc util)
+set(kdxAllowed_tools/service_client tools/service_client ipc util)
+set(kdxAllowed_tools tools tools/service_client cli ipc util)
 # Every folder whose headers an include can name.
 set(kdxFolders ${kdxLayers} tests bench)
 
+# The folder of kdxFolders that the relative path `path` lies in (the first
+# listed, so the innermost layer), or empty.
+function(kdx_folder_of path result)
+  set(found "")
+  foreach(folder ${kdxFolders})
+    string(FIND "${path}" "${folder}/" at)
+    if(at EQUAL 0)
+      set(found ${folder})
+      break()
+    endif()
+  endforeach()
+  set(${result} "${found}" PARENT_SCOPE)
+endfunction()
+
 # The folder that holds a header of this bare name, if any (the first found).
 foreach(folder ${kdxFolders})
-  file(GLOB_RECURSE headers LIST_DIRECTORIES false "${KDX_SOURCE_DIR}/${folder}/*.h")
+  file(GLOB_RECURSE headers LIST_DIRECTORIES false RELATIVE "${KDX_SOURCE_DIR}" "${KDX_SOURCE_DIR}/${folder}/*.h")
   foreach(header ${headers})
     get_filename_component(name "${header}" NAME)
     if(NOT DEFINED "kdxHeaderFolder_${name}")
-      set("kdxHeaderFolder_${name}" ${folder})
+      kdx_folder_of("${header}" owner)
+      set("kdxHeaderFolder_${name}" ${owner})
     endif()
   endforeach()
 endforeach()
@@ -45,10 +65,8 @@ endforeach()
 # empty for anything outside the project (system and library headers).
 function(kdx_included_folder file included result)
   set(folder "")
-  if(included MATCHES "^([^/]+)/")
-    if(CMAKE_MATCH_1 IN_LIST kdxFolders)
-      set(folder ${CMAKE_MATCH_1})
-    endif()
+  if(included MATCHES "/")
+    kdx_folder_of("${included}" folder)
   else()
     get_filename_component(dir "${file}" DIRECTORY)
     if(NOT EXISTS "${dir}/${included}" AND DEFINED "kdxHeaderFolder_${included}")
@@ -64,6 +82,12 @@ foreach(layer ${kdxLayers})
   file(GLOB_RECURSE sources LIST_DIRECTORIES false
     "${KDX_SOURCE_DIR}/${layer}/*.h" "${KDX_SOURCE_DIR}/${layer}/*.c" "${KDX_SOURCE_DIR}/${layer}/*.cpp")
   foreach(file ${sources})
+    # A file of an inner layer is checked as that layer's only.
+    file(RELATIVE_PATH relative "${KDX_SOURCE_DIR}" "${file}")
+    kdx_folder_of("${relative}" owner)
+    if(NOT owner STREQUAL layer)
+      continue()
+    endif()
     math(EXPR kdxFiles "${kdxFiles} + 1")
     file(STRINGS "${file}" includes REGEX "^[ \t]*#[ \t]*include[ \t]*[<\"]")
     foreach(line ${includes})

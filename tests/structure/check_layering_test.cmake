@@ -21,6 +21,10 @@ function(kdx_write_clean_tree root)
   file(WRITE "${root}/tools/sim/sim.cpp"
     "#include \"ipc/ipc_client.h\"\n#include \"util/socket.h\"\n#include \"cli/console.h\"\n")
   file(WRITE "${root}/tools/c_example/example.c" "#include <kendrivex_ipc.h>\n#include <stdio.h>\n")
+  file(WRITE "${root}/tools/service_client/runner.h"
+    "#pragma once\n#include \"ipc/ipc_client.h\"\n#include \"util/socket.h\"\n#include \"tools/service_client/failure.h\"\n")
+  file(WRITE "${root}/tools/ctl/main.cpp"
+    "#include \"tools/service_client/runner.h\"\n#include \"runner.h\"\n#include \"cli/console.h\"\n")
   file(WRITE "${root}/tests/support/helper.h" "#pragma once\n")
 endfunction()
 
@@ -74,6 +78,16 @@ kdx_expect_crossing(ipc_cli ipc/bad.cpp "#include \"cli/console.h\"" "ipc/bad.cp
 kdx_expect_crossing(ipc_app ipc/bad.cpp "#include \"app/globals.h\"" "ipc/bad.cpp: includes \"app/globals.h\" of app/")
 kdx_expect_crossing(tools_app tools/sim/bad.cpp "#include \"app/globals.h\""
   "tools/sim/bad.cpp: includes \"app/globals.h\" of app/")
+kdx_expect_crossing(core_cli tools/service_client/bad.cpp "#include \"cli/console.h\""
+  "tools/service_client/bad.cpp: includes \"cli/console.h\" of cli/")
+kdx_expect_crossing(core_bare_cli tools/service_client/bad.h "#include \"console.h\""
+  "tools/service_client/bad.h: includes \"console.h\" of cli/")
+kdx_expect_crossing(core_app tools/service_client/bad.cpp "#include \"app/globals.h\""
+  "tools/service_client/bad.cpp: includes \"app/globals.h\" of app/")
+kdx_expect_crossing(core_tools tools/service_client/bad.cpp "#include \"tools/ctl/arguments.h\""
+  "tools/service_client/bad.cpp: includes \"tools/ctl/arguments.h\" of tools/")
+kdx_expect_crossing(app_core app/bad.cpp "#include \"tools/service_client/runner.h\""
+  "app/bad.cpp: includes \"tools/service_client/runner.h\" of tools/service_client/")
 kdx_expect_crossing(app_tests app/bad.cpp "#include \"tests/support/helper.h\""
   "app/bad.cpp: includes \"tests/support/helper.h\" of tests/")
 

@@ -1,70 +1,116 @@
 // kendrivex-ctl: the device-control service from scripts and for monitoring.
 // One command per run, one command a line from standard input, or a watch of
 // the service's events; exit statuses that say what happened, and every
-// error as one line on standard error.
+// error as one line on standard error. The work is the client core's
+// (tools/service_client); this is its front end: options, output and exit
+// status.
 #include <signal.h>
+#include <sys/stat.h>
 #include <syslog.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <cstdlib>
+#include <string>
 
-#include "tools/ctl/batch_runner.h"
-#include "tools/ctl/client_supply.h"
-#include "tools/ctl/command_line.h"
-#include "tools/ctl/help_text.h"
+#include "tools/ctl/arguments.h"
+#include "tools/ctl/events.h"
 #include "tools/ctl/output.h"
-#include "tools/ctl/preflight.h"
-#include "tools/ctl/request_runner.h"
-#include "tools/ctl/signal_cleanup.h"
-#include "tools/ctl/watcher.h"
+#include "tools/ctl/signals.h"
+#include "tools/service_client/runner.h"
+#include "util/decimal_text.h"
 
 namespace {
 
-using namespace zel::ctl;
+using zel::ctl::Invocation;
+using zel::ctl::Output;
+using zel::service_client::Outcome;
 
-// The checks made before any socket file is; false with the error reported.
-bool Ready(const Settings& settings, bool withEvents, int& status) {
-  Failure failure;
-  if (Preflight::CheckService(settings.servicePath, failure) &&
-      Preflight::CheckDirectory(settings.dir, withEvents, failure)) {
+// The lines of a stream through POSIX getline, whose buffer it owns.
+class LineReader {
+ public:
+  explicit LineReader(FILE* input) : mInput(input) {}
+  ~LineReader() { std::free(mBuffer); }
+  LineReader(const LineReader&) = delete;
+  LineReader& operator=(const LineReader&) = delete;
+
+  // The next line without its line end; false at the end of input. A line
+  // from a file in Windows form loses its carriage return too.
+  bool Next(std::string& line) {
+    const ssize_t length = ::getline(&mBuffer, &mCapacity, mInput);
+    if (length < 0) return false;
+    auto end = static_cast<size_t>(length);
+    if (end > 0 && mBuffer[end - 1] == '\n') --end;
+    if (end > 0 && mBuffer[end - 1] == '\r') --end;
+    line.assign(mBuffer, end);
     return true;
   }
-  Output::Report(failure);
-  status = failure.status;
-  return false;
+
+ private:
+  FILE* mInput;
+  char* mBuffer = nullptr;
+  size_t mCapacity = 0;
+};
+
+// What a command printed, then its error line; `where` goes before the
+// command word in the error line ("line 3: " in a batch). The status.
+int Show(Outcome& outcome, const std::string& where, bool json, Output& output) {
+  if (json && outcome.answered) output.Write(outcome.Json());
+  if (!json && !outcome.plain.empty()) output.Write(outcome.plain);
+  if (outcome.failure.Failed()) {
+    outcome.failure.what = where + outcome.failure.what;
+    zel::ctl::Report(outcome.failure);
+  }
+  return outcome.status;
 }
 
 int RunOneShot(const Invocation& invocation, Output& output) {
-  ClientSupply supply(invocation.settings);
-  RequestRunner runner(invocation.settings, supply, output);
-  return runner.Run(invocation.request, "");
+  zel::ctl::SignalCleanup cleanup;
+  zel::service_client::Runner runner(invocation.settings, &cleanup);
+  Outcome outcome = runner.Run(invocation.request);
+  return Show(outcome, "", invocation.json, output);
 }
 
-int Run(const Invocation& invocation, Output& output) {
-  int status = kStatusOk;
-  const bool watch = invocation.mode == Invocation::Mode::Watch;
-  if (!Ready(invocation.settings, watch, status)) return status;
-  if (watch) return Watcher(invocation.settings, output).Run();
-  SignalCleanup::Install();
-  if (invocation.mode == Invocation::Mode::Batch) return BatchRunner(invocation.settings, output).Run(stdin);
-  return RunOneShot(invocation, output);
-}
-
-// The exit status, once every socket file is gone. Output into a closed pipe
-// ends the program as SIGPIPE would have, had it not been ignored until the
-// clean-up was done; any other failed write is a local failure.
-int Finish(const Output& output, int status) {
-  if (!output.Broken()) return status;
-  if (output.Error() == EPIPE) {
-    // NOLINTBEGIN(cert-err33-c): cannot fail for SIGPIPE; if the signal did not end the program, the failure
-    // below is reported instead
-    signal(SIGPIPE, SIG_DFL);
-    raise(SIGPIPE);
-    // NOLINTEND(cert-err33-c)
+// Runs standard input to its end (or until standard output fails), a line
+// at a time; a failing line does not stop the batch, whose status is that
+// of the first failure.
+int RunBatch(const Invocation& invocation, Output& output) {
+  // A batch that cannot reach the service says so once, before it reads a
+  // line, rather than once for every line.
+  zel::service_client::Failure failure;
+  if (!zel::service_client::CheckService(invocation.settings.servicePath, failure) ||
+      !zel::service_client::CheckDirectory(invocation.settings.dir, false, failure)) {
+    zel::ctl::Report(failure);
+    return failure.status;
   }
-  Output::Report(Fail(kStatusLocal, "standard output", ErrorText(output.Error())));
-  return kStatusLocal;
+  zel::ctl::SignalCleanup cleanup;
+  zel::service_client::Runner runner(invocation.settings, &cleanup);
+  LineReader reader(stdin);
+  int firstFailure = zel::service_client::kStatusOk;
+  size_t number = 0;
+  std::string line;
+  while (!output.Broken() && reader.Next(line)) {
+    ++number;
+    Outcome outcome = runner.RunLine(line);
+    const int status =
+        Show(outcome, "line " + zel::util::DecimalText(static_cast<uint32_t>(number)) + ": ", invocation.json, output);
+    if (firstFailure == zel::service_client::kStatusOk) firstFailure = status;
+  }
+  return firstFailure;
+}
+
+// What reaches the system log. Without --verbose, a one-shot command or a
+// batch leaves out the IPC client's records of each socket and each request
+// (LOG_INFO and LOG_DEBUG), which a script run every few minutes would
+// otherwise write each time, and the watch its records of each event
+// (LOG_DEBUG); warnings and errors always go. With it, every record goes,
+// to standard error too.
+void SetUpLog(const Invocation& invocation) {
+  if (invocation.verbose) {
+    openlog("kendrivex-ctl", LOG_PERROR, LOG_USER);
+    return;
+  }
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): set on the main thread before any other starts
+  setlogmask(LOG_UPTO(invocation.mode == Invocation::Mode::Watch ? LOG_INFO : LOG_NOTICE));
 }
 
 }  // namespace
@@ -72,20 +118,35 @@ int Finish(const Output& output, int status) {
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): cannot fail for SIGPIPE
   Invocation invocation;
-  Failure failure;
-  if (!CommandLine(argc, argv).Parse(invocation, failure)) {
-    Output::Report(failure);
+  zel::service_client::Failure failure;
+  if (!zel::ctl::ParseArguments(argc, argv, invocation, failure)) {
+    zel::ctl::Report(failure);
     return failure.status;
   }
   Output output;
-  if (invocation.mode == Invocation::Mode::Help) {
-    output.Write(HelpText::Help());
-    return Finish(output, kStatusOk);
+  switch (invocation.mode) {
+    case Invocation::Mode::Help:
+      output.Write(zel::ctl::HelpText());
+      return zel::ctl::Finish(output, zel::service_client::kStatusOk);
+    case Invocation::Mode::Version:
+      output.Write(zel::ctl::VersionText());
+      return zel::ctl::Finish(output, zel::service_client::kStatusOk);
+    case Invocation::Mode::OneShot:
+    case Invocation::Mode::Batch:
+    case Invocation::Mode::Watch:
+      break;
   }
-  if (invocation.mode == Invocation::Mode::Version) {
-    output.Write(HelpText::Version());
-    return Finish(output, kStatusOk);
+  SetUpLog(invocation);
+  // For the whole run: the IPC client makes its socket again whenever it
+  // finds the service restarted.
+  const mode_t programUmask = ::umask(zel::service_client::SocketUmask(invocation.settings.dir));
+  int status = zel::service_client::kStatusOk;
+  if (invocation.mode == Invocation::Mode::Watch) {
+    status = zel::ctl::RunWatch(invocation, output, programUmask);
+  } else if (invocation.mode == Invocation::Mode::Batch) {
+    status = RunBatch(invocation, output);
+  } else {
+    status = RunOneShot(invocation, output);
   }
-  if (invocation.settings.verbose) openlog("kendrivex-ctl", LOG_PERROR, LOG_USER);
-  return Finish(output, Run(invocation, output));
+  return zel::ctl::Finish(output, status);
 }

@@ -1,11 +1,14 @@
 #include "tools/ctl/output.h"
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 namespace zel::ctl {
 namespace {
+
+const char kProgram[] = "kendrivex-ctl";
 
 // Writes all of `text`, resuming after interruptions and partial writes; the
 // errno of a failure, 0 on success.
@@ -30,8 +33,22 @@ bool Output::Write(const std::string& text) {
   return mError == 0;
 }
 
-void Output::Report(const Failure& failure) { WriteError(failure.Line()); }
+void Report(const service_client::Failure& failure) { WriteError(failure.Line(kProgram)); }
 
-void Output::WriteError(const std::string& text) { WriteAll(STDERR_FILENO, text); }
+void WriteError(const std::string& text) { WriteAll(STDERR_FILENO, text); }
+
+int Finish(const Output& output, int status) {
+  if (!output.Broken()) return status;
+  if (output.Error() == EPIPE) {
+    // NOLINTBEGIN(cert-err33-c): cannot fail for SIGPIPE; if the signal did not end the program, the failure
+    // below is reported instead
+    signal(SIGPIPE, SIG_DFL);
+    raise(SIGPIPE);
+    // NOLINTEND(cert-err33-c)
+  }
+  Report(
+      service_client::Fail(service_client::kStatusLocal, "standard output", service_client::ErrorText(output.Error())));
+  return service_client::kStatusLocal;
+}
 
 }  // namespace zel::ctl

@@ -12,29 +12,17 @@
 #include "tools/sim/sim_log.h"
 #include "tools/sim/sim_options.h"
 #include "tools/sim/sim_service.h"
+#include "util/stop_signals.h"
 
 namespace {
 
 constexpr int kStatusFailure = 1;
 constexpr int kStatusUsage = 2;
 
-// The signals that stop the simulator cleanly. They are blocked in every
-// thread (the threads inherit the mask) and taken by sigwait in main, so
-// that stopping runs as ordinary code rather than in a signal handler. A
-// signal that was ignored when the program started stays ignored: a shell
-// starts background jobs with Ctrl-C ignored, and nohup ignores hang-ups.
-// (A blocked signal is never discarded as ignored, so it must be left out.)
-sigset_t StopSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (int signo : {SIGINT, SIGTERM, SIGHUP}) {
-    struct sigaction current = {};
-    if (sigaction(signo, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;
-    sigaddset(&signals, signo);
-  }
-  return signals;
-}
-
+// The stop signals are blocked in every thread (the threads inherit the
+// mask) and taken by sigwait in main, so that stopping runs as ordinary code
+// rather than in a signal handler; one that was ignored when the program
+// started stays ignored.
 int WaitForStopSignal(const sigset_t& signals) {
   int signo = 0;
   while (sigwait(&signals, &signo) != 0) {
@@ -75,7 +63,7 @@ int main(int argc, char** argv) {
     return kStatusUsage;
   }
 
-  const sigset_t stopSignals = StopSignals();
+  const sigset_t stopSignals = zel::util::StopSignals();
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
   // A report reader that went away (a closed pipe) must not end the service
   // before it has removed its socket file; the lines are simply lost.

@@ -1,10 +1,9 @@
 #include "tools/sim/sim_options.h"
 
-#include <cerrno>
-#include <cstdlib>
 #include <limits>
 
 #include "tools/sim/argument_reader.h"
+#include "util/decimal_text.h"
 
 namespace zel::sim {
 namespace {
@@ -21,19 +20,9 @@ constexpr uint32_t kDefaultEventIntervalMs = 10000;
 constexpr int32_t kDefaultEventId = 100;
 const char kDefaultEventText[] = "heartbeat";
 
-// Decimal digits only, within [0, max].
-bool ParseUnsigned(const std::string& text, uint64_t max, uint64_t& value) {
-  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return false;
-  errno = 0;
-  const unsigned long long parsed = std::strtoull(text.c_str(), nullptr, 10);
-  if (errno == ERANGE || parsed > max) return false;
-  value = parsed;
-  return true;
-}
-
 bool ParseUint32(const std::string& text, uint32_t& value) {
   uint64_t parsed = 0;
-  if (!ParseUnsigned(text, std::numeric_limits<uint32_t>::max(), parsed)) return false;
+  if (!zel::util::ParseDecimal(text, std::numeric_limits<uint32_t>::max(), parsed)) return false;
   value = static_cast<uint32_t>(parsed);
   return true;
 }
@@ -43,7 +32,7 @@ bool ParseInt32(const std::string& text, int32_t& value) {
   const bool negative = !text.empty() && text[0] == '-';
   uint64_t magnitude = 0;
   const uint64_t max = negative ? uint64_t{1} << 31 : std::numeric_limits<int32_t>::max();
-  if (!ParseUnsigned(negative ? text.substr(1) : text, max, magnitude)) return false;
+  if (!zel::util::ParseDecimal(negative ? text.substr(1) : text, max, magnitude)) return false;
   value = static_cast<int32_t>(negative ? -static_cast<int64_t>(magnitude) : static_cast<int64_t>(magnitude));
   return true;
 }

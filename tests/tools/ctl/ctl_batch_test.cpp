@@ -72,6 +72,19 @@ TEST_F(CtlTest, BatchTakesLinesWithWindowsLineEnds) {
   EXPECT_EQ(result.out, "PONG\n1\tPONG\n");
 }
 
+TEST_F(CtlTest, BatchWithoutAServiceSaysSoOnceBeforeReadingALine) {
+  // From a file: the program ends before it reads, and a pipe's writer would
+  // find it gone.
+  const std::string commands = dir.File("commands");
+  std::ofstream(commands) << "ping\nmac\n";
+  PipeProcess::Options options = Options();
+  options.stdinPath = commands;
+  const Result result = PipeProcess::Run(Command({"-"}), "", options);
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, ErrorLine(ServicePath(), "No such file or directory"));
+}
+
 TEST_F(CtlTest, BatchOfNothingSucceedsWithoutARequest) {
   StartFake();
   const Result result = Ctl({"-"}, "");
@@ -101,6 +114,50 @@ TEST_F(CtlTest, BatchExitStatusIsThatOfTheFirstFailureEvenWhenLaterOnesDiffer) {
   EXPECT_EQ(result.err, ErrorLine("line 1: ping", "the service answered with code 2") +
                             ErrorLine("line 2: ping", "no reply within 100 ms") +
                             ErrorLine("line 3: bogus", "unknown command (try --help)"));
+}
+
+TEST_F(CtlTest, BatchLineHoldingANulByteIsAnErrorForThatLine) {
+  StartSim();
+  const Result result = Ctl({"-"}, std::string("ping\0junk\nping\n", 15));
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_EQ(result.out, "PONG\n");
+  EXPECT_EQ(result.err, ErrorLine("line 1: ping\\x00junk", "holds a NUL byte"));
+  EXPECT_EQ(sim->Requests().size(), 1u);
+}
+
+TEST_F(CtlTest, BatchOfRandomBytesWritesErrorLinesWithoutControlBytes) {
+  StartFake();
+  // A fixed seed: the same bytes every run.
+  std::string input;
+  uint32_t state = 12345;
+  for (int i = 0; i < 200000; ++i) {
+    state = state * 1103515245 + 12345;
+    input += static_cast<char>(state >> 16);
+  }
+  const Result result = Ctl({"--timeout", "50", "-"}, input);
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_EQ(result.out, "");
+  size_t lines = 0;
+  for (size_t at = 0; at < result.err.size(); ++at) {
+    const auto byte = static_cast<unsigned char>(result.err[at]);
+    if (byte == '\n') ++lines;
+    EXPECT_TRUE(byte == '\n' || (byte >= 0x20 && byte != 0x7f)) << "byte " << int(byte) << " at " << at;
+  }
+  EXPECT_GT(lines, 100u);
+  EXPECT_LE(result.err.size(), lines * 200);
+}
+
+TEST_F(CtlTest, BatchRequestTooLongForOneDatagramIsReportedAsSuch) {
+  StartFake();
+  fake->Script(1, Answer::Reply("1\tPONG"));
+  const std::string field(1 << 20, 'f');
+  const Result result = Ctl({"-"}, "send 1 " + field + "\nping\n");
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_EQ(result.out, "PONG\n");
+  EXPECT_EQ(result.err, ErrorLine("line 1: send", "the request of " + std::to_string(field.size() + 2) +
+                                                      " bytes is too long for one datagram"));
+  ASSERT_EQ(fake->Requests().size(), 1u);
+  EXPECT_EQ(fake->Requests()[0].text, "1");
 }
 
 TEST_F(CtlTest, BatchJsonPrintsOneObjectPerLineInOrder) {

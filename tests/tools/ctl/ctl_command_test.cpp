@@ -129,6 +129,42 @@ TEST_F(CtlTest, StationsAnsweredWithAnotherCodeExitsWithOne) {
   EXPECT_EQ(result.err, ErrorLine("stations", "the service answered with code 5"));
 }
 
+TEST_F(CtlTest, ReplyOfTheCodeFiveAloneIsTheServicesAnswer) {
+  StartFake();
+  fake->Script(1, Answer::Reply("5"));
+  const Result result = Ctl({"ping"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, ErrorLine("ping", "the service answered with code 5"));
+}
+
+TEST_F(CtlTest, ReplyWhoseCodeFieldReadsAsFiveIsTheServicesAnswer) {
+  StartFake();
+  fake->Script(2, Answer::Reply("5x"));
+  const Result result = Ctl({"--json", "send", "2"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.out, "{\"command\":\"send\",\"code\":5,\"args\":[]}\n");
+  EXPECT_EQ(result.err, ErrorLine("send", "the service answered with code 5"));
+}
+
+TEST_F(CtlTest, EmptyReplyIsAnAnswerThatSaysNothing) {
+  StartFake();
+  fake->Script(3, Answer::Reply(""));
+  const Result result = Ctl({"mac"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, ErrorLine("mac", "the service's reply is empty"));
+}
+
+TEST_F(CtlTest, ReplyThatFillsTheWholeBufferIsReportedAsTooLong) {
+  StartFake();
+  fake->Script(1, Answer::Reply("1\t" + std::string(9000, 'x')));
+  const Result result = Ctl({"ping"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, ErrorLine("ping", "the service's reply is too long (8192 bytes or more)"));
+}
+
 TEST_F(CtlTest, OneShotSendsOnlyItsOwnRequest) {
   StartFake();
   fake->Script(1, Answer::Reply("1\tPONG"));

@@ -79,6 +79,27 @@ TEST_F(CtlCompletionTest, CompletesNothingAfterACommandWithoutArguments) {
   EXPECT_EQ(Complete("ping "), std::vector<std::string>());
 }
 
+TEST_F(CtlCompletionTest, CompletesTheOptionsAfterACommandWithoutArguments) {
+  EXPECT_EQ(Complete("watch --"), Complete("--"));
+  EXPECT_EQ(Complete("ping --j"), std::vector<std::string>({"--json"}));
+}
+
+TEST_F(CtlCompletionTest, CompletesTheOptionsAfterTheStandardInputWord) {
+  EXPECT_EQ(Complete("- --t"), std::vector<std::string>({"--timeout"}));
+  const std::vector<std::string> options = Complete("- -");
+  EXPECT_NE(std::find(options.begin(), options.end(), "-j"), options.end());
+  EXPECT_NE(std::find(options.begin(), options.end(), "--json"), options.end());
+}
+
+TEST_F(CtlCompletionTest, CompletesTheValueOfAnOptionAfterTheCommand) {
+  ASSERT_EQ(::mkdir(dir.File("sockets").c_str(), 0755), 0);
+  EXPECT_EQ(Complete("watch -d " + dir.File("sock")), std::vector<std::string>({dir.File("sockets")}));
+}
+
+TEST_F(CtlCompletionTest, CompletesNoOptionsAmongTheFieldsOfSend) {
+  EXPECT_EQ(Complete("send 1 --"), std::vector<std::string>());
+}
+
 TEST_F(CtlCompletionTest, CompletesDirectoriesForTheDirectoryOption) {
   ASSERT_EQ(::mkdir(dir.File("sockets").c_str(), 0755), 0);
   std::ofstream(dir.File("socketfile")) << "x";

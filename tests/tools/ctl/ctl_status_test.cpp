@@ -210,6 +210,52 @@ TEST_F(CtlTest, StandardInputWordWithArgumentsIsAUsageError) {
   ExpectUsageError(Ctl({"-", "ping"}), "-", "takes no arguments, not \"ping\"");
 }
 
+TEST_F(CtlTest, EmptyDirectoryNamesTheOptionItCameFrom) {
+  StartSim();
+  ExpectUsageError(CtlBare({"-s", ServicePath(), "-d", "", "ping"}, Options()), "-d", "the path is empty");
+  ExpectUsageError(CtlBare({"-s", ServicePath(), "--dir=", "ping"}, Options()), "--dir", "the path is empty");
+  EXPECT_TRUE(sim->Requests().empty());
+}
+
+TEST_F(CtlTest, EmptyServicePathNamesTheOptionItCameFrom) {
+  ExpectUsageError(CtlBare({"--service", "", "-d", dir.path(), "ping"}, Options()), "--service", "the path is empty");
+}
+
+TEST_F(CtlTest, UnknownCommandOfAMegabyteIsShownShortened) {
+  StartFake();
+  const std::string word(1 << 20, 'w');
+  // An argument may be at most 128 KiB long; standard input takes any line.
+  const Result result = Ctl({"-"}, word + "\n");
+  EXPECT_EQ(result.exitCode, 2);
+  // Checked first, so that a failure does not print the megabyte twice.
+  ASSERT_LT(result.err.size(), 200u);
+  EXPECT_EQ(result.err, ErrorLine("line 1: " + std::string(80, 'w') + "...", "unknown command (try --help)"));
+}
+
+TEST_F(CtlTest, ControlBytesOfAnUnknownCommandAreShownEscaped) {
+  const Result result = Ctl({"\x1b[31mred\tcell\x7f\xff"});
+  EXPECT_EQ(result.exitCode, 2);
+  EXPECT_EQ(result.err, ErrorLine("\\x1b[31mred\\tcell\\x7f\\xff", "unknown command (try --help)"));
+}
+
+TEST_F(CtlTest, ArgumentsQuotedInAnErrorAreShownShortenedAndEscaped) {
+  ExpectUsageError(Ctl({"ping", "\n" + std::string(200, 'a')}), "ping",
+                   "takes no arguments, not \"\\n" + std::string(78, 'a') + "...\"");
+  ExpectUsageError(Ctl({"--timeout", "\x01", "ping"}), "--timeout",
+                   "not a whole number of milliseconds from 1 to 60000: \"\\x01\"");
+}
+
+TEST_F(CtlTest, StandardOutputThatCannotBeWrittenIsALocalFailure) {
+  // The shell puts a full device behind standard output, then becomes the
+  // program (behind the test launcher, an emulator, when there is one).
+  PipeProcess::Options options = UncapturedOptions();
+  options.hostTool = true;
+  const Result result = PipeProcess::Run(
+      {"/bin/sh", "-c", "exec ${KDX_TEST_LAUNCHER} \"$0\" --version >/dev/full", KDX_CTL_PATH}, "", options);
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(result.err, ErrorLine("standard output", "No space left on device"));
+}
+
 TEST_F(CtlTest, HelpListsCommandsAndOptionsOnStandardOutput) {
   const Result result = CtlBare({"--help"}, Options());
   EXPECT_EQ(result.exitCode, 0);

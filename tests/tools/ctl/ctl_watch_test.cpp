@@ -167,6 +167,45 @@ TEST_F(CtlWatchTest, StopWithAnUnansweredUnregistrationStillEndsCleanly) {
   EXPECT_EQ(LeftOver(), std::vector<std::string>());
 }
 
+TEST_F(CtlWatchTest, SecondStopSignalDuringTheCleanUpChangesNothing) {
+  StartFake();
+  // The unregistration goes unanswered, so the clean-up takes its time-out.
+  fake->Script(5, Answer::Never());
+  StartWatch({"--timeout", "1000"});
+  watch->Signal(SIGTERM);
+  ASSERT_TRUE(fake->WaitForRequestsFor(5, 1));
+  watch->Signal(SIGINT);
+  const Result result = watch->Finish();
+  EXPECT_EQ(result.signal, 0);
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(LeftOver(), std::vector<std::string>());
+}
+
+TEST_F(CtlWatchTest, DirectoryAtTheEventSocketsPathFailsTheSetUp) {
+  StartFake();
+  // The event socket's path holds the process id: a shell makes the
+  // directory there, then becomes the program (behind the test launcher, an
+  // emulator, when there is one). The capture library, built for the
+  // target, would not suit the shell.
+  PipeProcess::Options options = UncapturedOptions();
+  options.hostTool = true;
+  const Result result = PipeProcess::Run(
+      {"/bin/sh", "-c",
+       "mkdir \"$2/ipc_client-$$-0-event\" && exec ${KDX_TEST_LAUNCHER} \"$0\" -s \"$1\" -d \"$2\" watch", KDX_CTL_PATH,
+       ServicePath(), dir.path()},
+      "", options);
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(result.out, "");
+  const size_t colon = result.err.find(": ", std::string("kendrivex-ctl: ").size());
+  ASSERT_NE(colon, std::string::npos) << result.err;
+  const std::string path =
+      result.err.substr(std::string("kendrivex-ctl: ").size(), colon - std::string("kendrivex-ctl: ").size());
+  EXPECT_EQ(path.substr(0, dir.path().size() + 12), dir.path() + "/ipc_client-");
+  EXPECT_EQ(path.substr(path.size() - 8), "-0-event");
+  EXPECT_EQ(result.err, ErrorLine(path, "cannot make a socket there: a directory is in the way"));
+}
+
 TEST_F(CtlWatchTest, ExecRunsTheProgramForEachEventInOrderAndWaitsForIt) {
   StartFake();
   const std::string log = dir.File("exec.log");
@@ -204,6 +243,44 @@ TEST_F(CtlWatchTest, ExecProgramThatCannotStartIsReportedAndTheWatchGoesOn) {
   EXPECT_EQ(watch->Err(), ErrorLine(program, "cannot start: no such executable program"));
   ASSERT_TRUE(fake->SendTo(eventPath, "8"));
   ASSERT_TRUE(watch->WaitForOutLines(2));
+  ExpectCleanStop(SIGTERM, eventPath);
+}
+
+TEST_F(CtlWatchTest, ExecProgramNamedWithoutASlashIsLookedUpOnThePath) {
+  StartFake();
+  const std::string log = dir.File("exec.log");
+  Script("on-event", "echo \"ran $*\" >> " + log);
+  PipeProcess::Options options = UncapturedOptions();
+  options.env.push_back("PATH=/nonexistent::" + dir.path() + ":/usr/bin:/bin");
+  watch = StartCtl({"watch", "--exec", "on-event", "--count", "1"}, options);
+  ASSERT_TRUE(fake->WaitForRequestsFor(4, 1));
+  ASSERT_TRUE(fake->SendTo(Argument(fake->RequestsFor(4)[0].text), "7\tx"));
+  const Result result = watch->Finish();
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(Lines(log), std::vector<std::string>({"ran 7 x"}));
+}
+
+TEST_F(CtlWatchTest, ExecProgramNotOnThePathIsReportedAndTheWatchGoesOn) {
+  StartFake();
+  PipeProcess::Options options = UncapturedOptions();
+  options.env.push_back("PATH=" + dir.path());
+  watch = StartCtl({"watch", "--exec", "no-such-handler"}, options);
+  ASSERT_TRUE(fake->WaitForRequestsFor(4, 1));
+  const std::string eventPath = Argument(fake->RequestsFor(4)[0].text);
+  ASSERT_TRUE(fake->SendTo(eventPath, "7"));
+  ASSERT_TRUE(watch->WaitForErr("\n"));
+  EXPECT_EQ(watch->Err(), ErrorLine("no-such-handler", "cannot start: no such executable program"));
+  ExpectCleanStop(SIGTERM, eventPath);
+}
+
+TEST_F(CtlWatchTest, ExecProgramKilledByASignalIsReported) {
+  StartFake();
+  const std::string program = Script("killed", "kill -KILL $$");
+  const std::string eventPath = StartWatch({"-e", program}, false);
+  ASSERT_TRUE(fake->SendTo(eventPath, "7"));
+  ASSERT_TRUE(watch->WaitForErr("\n"));
+  EXPECT_EQ(watch->Err(), ErrorLine(program, "killed by signal 9"));
   ExpectCleanStop(SIGTERM, eventPath);
 }
 

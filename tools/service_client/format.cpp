@@ -1,0 +1,61 @@
+#include "tools/service_client/format.h"
+
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "util/decimal_text.h"
+
+namespace zel::service_client {
+namespace {
+
+// Keys stay in the order they are written, as the documented examples show.
+using Json = nlohmann::ordered_json;
+
+constexpr long kNanosecondsPerMillisecond = 1000000;
+
+std::string Dump(const Json& object) { return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n"; }
+
+std::string TabSeparated(std::string line, const std::vector<std::string>& rest) {
+  for (const std::string& field : rest) line.append(1, '\t').append(field);
+  return line + "\n";
+}
+
+}  // namespace
+
+std::string JsonReply(const std::string& command, const zel::ipc::IPCResult& reply) {
+  Json object;
+  object["command"] = command;
+  object["code"] = reply.code;
+  object["args"] = reply.args;
+  return Dump(object);
+}
+
+std::string JsonEvent(const std::string& time, const zel::ipc::IPCEvent& event) {
+  Json object;
+  object["time"] = time;
+  object["id"] = event.id;
+  object["args"] = event.args;
+  return Dump(object);
+}
+
+std::string PlainReply(const zel::ipc::IPCResult& reply) {
+  return TabSeparated(zel::util::SignedDecimalText(reply.code), reply.args);
+}
+
+std::string PlainEvent(const std::string& time, const zel::ipc::IPCEvent& event) {
+  return TabSeparated(time + "\t" + zel::util::SignedDecimalText(event.id), event.args);
+}
+
+std::string UtcTime(const timespec& moment) {
+  tm parts{};
+  const time_t seconds = moment.tv_sec;
+  gmtime_r(&seconds, &parts);
+  char text[64];
+  // NOLINTNEXTLINE(cert-err33-c): 64 bytes hold every time of this form, so nothing is cut off
+  std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03ldZ", parts.tm_year + 1900, parts.tm_mon + 1,
+                parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, moment.tv_nsec / kNanosecondsPerMillisecond);
+  return text;
+}
+
+}  // namespace zel::service_client

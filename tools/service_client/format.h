@@ -1,0 +1,28 @@
+// How replies and events are written: one JSON object a line, plain
+// tab-separated lines, and the UTC time stamp of an event. JSON comes from
+// nlohmann-json with its keys in the order shown here and every byte that is
+// not valid UTF-8 replaced by U+FFFD; plain lines carry the fields' bytes as
+// they came. Pure functions; any thread.
+#pragma once
+
+#include <time.h>
+
+#include <string>
+
+#include "ipc/ipc_types.h"
+
+namespace zel::service_client {
+
+// {"command":"ping","code":1,"args":["PONG"]} and a newline.
+std::string JsonReply(const std::string& command, const zel::ipc::IPCResult& reply);
+// {"time":"2026-11-23T09:00:00.123Z","id":7,"args":["link up"]} and a newline.
+std::string JsonEvent(const std::string& time, const zel::ipc::IPCEvent& event);
+// The decimal code, then each field, tab-separated, and a newline.
+std::string PlainReply(const zel::ipc::IPCResult& reply);
+// The time, then the event's number and each argument, tab-separated, and a
+// newline.
+std::string PlainEvent(const std::string& time, const zel::ipc::IPCEvent& event);
+// The moment in UTC, to the millisecond: "2026-11-23T09:00:00.123Z".
+std::string UtcTime(const timespec& moment);
+
+}  // namespace zel::service_client

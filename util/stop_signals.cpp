@@ -1,0 +1,18 @@
+#include "util/stop_signals.h"
+
+#include <initializer_list>
+
+namespace zel::util {
+
+sigset_t StopSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (int signo : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction current = {};
+    if (sigaction(signo, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;
+    sigaddset(&signals, signo);
+  }
+  return signals;
+}
+
+}  // namespace zel::util
