@@ -9,6 +9,7 @@
 #include <string>
 
 #include "gtest/gtest.h"
+#include "kdx_test_paths.h"
 #include "tests/support/temp_dir.h"
 
 namespace zel::test {
