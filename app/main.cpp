@@ -103,6 +103,11 @@ bool SetUpIpcClient(const std::string& serverPath, const std::string& clientPath
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Line-buffered whatever standard output is, as the C library makes it on
+  // a terminal: into a pipe or a file (a session kept with tee) each line
+  // goes out as soon as it is complete, in the bytes and the order a terminal
+  // gets, rather than all at the end of the session.
+  setlinebuf(stdout);
   if (argc < 3) {
     std::printf("usage: %s [server_path] [client_path_prefix(==dir)]\n", argv[0]);
     return -1;

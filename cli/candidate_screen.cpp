@@ -108,44 +108,35 @@ bool CmdLineInterface::CandidateScreen::select() {
     FailConsistencyCheck(kCheckFileText, kMsgSelectCheck, kSelectText);
   }
   erase();
-  CmdLineInterface* const screenOwner = owner;
-  screenOwner->clearLine();
-  std::string name = *std::next(candidates.begin(), selected);
-  if (!name.empty()) screenOwner->insertString(name);
-  // Destroys this object: nothing of it may be touched afterwards.
-  screenOwner->candidateScreen.reset();
+  owner->clearLine();
+  std::string& name = *std::next(candidates.begin(), selected);
+  if (!name.empty()) owner->insertString(name);
   return true;
-}
-
-void CmdLineInterface::CandidateScreen::close() {
-  erase();
-  CmdLineInterface* const screenOwner = owner;
-  // Destroys this object: nothing of it may be touched afterwards.
-  screenOwner->candidateScreen.reset();
 }
 
 // Defined in the scope of the class, so the actions reach its operations.
 constexpr CmdLineInterface::CandidateScreen::KeyBinding CmdLineInterface::CandidateScreen::kKeyBindings[] = {
-    {KeyType::Backspace, [](CandidateScreen& screen) { screen.close(); }    },
-    {KeyType::Tab,       [](CandidateScreen& screen) { screen.close(); }    },
-    {KeyType::Enter,     [](CandidateScreen& screen) { screen.select(); }   },
-    {KeyType::Up,        [](CandidateScreen& screen) { screen.moveUp(); }   },
-    {KeyType::Down,      [](CandidateScreen& screen) { screen.moveDown(1); }},
-    {KeyType::PageUp,    [](CandidateScreen& screen) { screen.moveFirst(); }},
-    {KeyType::PageDown,  [](CandidateScreen& screen) { screen.moveLast(); } },
+    {KeyType::Backspace, nullptr,                                             KeyOutcome::Close },
+    {KeyType::Tab,       nullptr,                                             KeyOutcome::Close },
+    {KeyType::Enter,     nullptr,                                             KeyOutcome::Select},
+    {KeyType::Up,        [](CandidateScreen& screen) { screen.moveUp(); },    KeyOutcome::Keep  },
+    {KeyType::Down,      [](CandidateScreen& screen) { screen.moveDown(1); }, KeyOutcome::Keep  },
+    {KeyType::PageUp,    [](CandidateScreen& screen) { screen.moveFirst(); }, KeyOutcome::Keep  },
+    {KeyType::PageDown,  [](CandidateScreen& screen) { screen.moveLast(); },  KeyOutcome::Keep  },
 };
 
 bool CmdLineInterface::CandidateScreen::moveLast() {
   return moveDown(static_cast<unsigned>(candidates.size()) - 1 - static_cast<unsigned>(selected));
 }
 
-bool CmdLineInterface::CandidateScreen::onKey(Console::KeyInfo* info) {
+CmdLineInterface::CandidateScreen::KeyOutcome CmdLineInterface::CandidateScreen::onKey(Console::KeyInfo* info) {
   const KeyType type = info->type;
   const auto* binding = std::find_if(std::begin(kKeyBindings), std::end(kKeyBindings),
                                      [type](const KeyBinding& key) { return key.type == type; });
   // Typed characters and every other key are ignored while the list is open.
-  if (binding != std::end(kKeyBindings)) binding->action(*this);
-  return true;
+  if (binding == std::end(kKeyBindings)) return KeyOutcome::Keep;
+  if (binding->action != nullptr) binding->action(*this);
+  return binding->outcome;
 }
 
 }  // namespace zel::cli

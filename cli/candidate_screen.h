@@ -1,7 +1,8 @@
 // The list of command names that Tab shows below the input line when several
 // match; the arrow and page keys move the red selection, Enter takes it into
 // the line, Backspace and Tab close the list. Runs on the interface's loop
-// thread. Owned by its CmdLineInterface, which it only borrows.
+// thread. Owned by its CmdLineInterface, which it only borrows and which alone
+// destroys it.
 #pragma once
 
 #include <cstdint>
@@ -15,6 +16,11 @@ namespace zel::cli {
 
 class CmdLineInterface::CandidateScreen {
  public:
+  // What a key leaves for the editor to do: nothing, close the list (erase it
+  // and destroy the screen), or select (take the selected name into the line
+  // and destroy the screen).
+  enum class KeyOutcome { Keep, Close, Select };
+
   // Draws the list at once. `restoreText` erases the drawn list and prints
   // the owner's prompt and line again.
   CandidateScreen(const std::list<std::string>& candidates, const std::string& restoreText, CmdLineInterface* owner);
@@ -25,24 +31,25 @@ class CmdLineInterface::CandidateScreen {
   bool erase();
   // Moves the selection n rows down, wrapping at the end, and redraws.
   bool moveDown(unsigned n);
-  // Takes the selected name into the owner's line and destroys this screen.
+  // Erases the list and takes the selected name into the owner's line.
   bool select();
-  // Applies one key while the screen is open; may destroy this screen.
-  bool onKey(Console::KeyInfo* info);
+  // Applies one key while the screen is open: the navigation keys move the
+  // selection here; closing and selecting are left to the editor.
+  KeyOutcome onKey(Console::KeyInfo* info);
 
  private:
   friend class CmdLineInterfaceTestAccess;
 
-  // What a key does while the screen is open; the action may destroy it.
+  // What a key does to the screen (the navigation keys), and what it leaves
+  // for the editor to do.
   struct KeyBinding {
     Console::KeyType type;
     void (*action)(CandidateScreen& screen);
+    KeyOutcome outcome;
   };
   // The keys that act on the screen; every other key is ignored.
   static const KeyBinding kKeyBindings[];
 
-  // Erases the list and destroys this screen; the line stays as it is.
-  void close();
   bool moveUp();
   bool moveFirst();
   // Moves the selection to the last candidate.

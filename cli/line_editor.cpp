@@ -37,11 +37,19 @@ void CmdLineInterface::readLine() {
 
 bool CmdLineInterface::readKey(Console::KeyInfo* info) {
   console.GetKeyInfo(info);
-  if (candidateScreen) {
-    candidateScreen->onKey(info);
-    return false;
+  if (!candidateScreen) return handleKey(static_cast<char>(info->key & 0xFF), info->type);
+  using KeyOutcome = CandidateScreen::KeyOutcome;
+  const KeyOutcome outcome = candidateScreen->onKey(info);
+  if (outcome == KeyOutcome::Keep) return false;
+  // The screen never destroys itself: it is done once it has been closed
+  // or its name taken, and the editor that owns it lets it go here.
+  if (outcome == KeyOutcome::Select) {
+    candidateScreen->select();
+  } else {
+    candidateScreen->erase();
   }
-  return handleKey(static_cast<char>(info->key & 0xFF), info->type);
+  candidateScreen.reset();
+  return false;
 }
 
 // Each action is one editor operation; their results do not matter here.

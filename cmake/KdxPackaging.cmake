@@ -9,22 +9,43 @@
 #   does, so that a later incompatible version can be installed beside it.
 # - libkendrivex-ipc-dev: header, pkg-config file and the unversioned link,
 #   needed only to build programs against the library.
+#
+# Each package is declared with kdx_debian_package (below), which gives it
+# what Debian's package checker (lintian) asks of every package: the
+# machine-readable copyright file and the Debian changelog in
+# /usr/share/doc/<package>/, and the lintian overrides that apply to it, in
+# /usr/share/lintian/overrides/<package> (each override with its reason on
+# the comment line above it). A library package also gets its shlibs file
+# and the ldconfig trigger. The texts are in cmake/debian/.
 
 # Manual pages, installed gzip-compressed as Debian expects (man reads them
 # either way). -n leaves name and time out, so that packages are reproducible.
 # The programs' pages go with the programs; the library's with its header.
+# The build keeps them in build/<preset>/share/man/man<section>/, beside the
+# programs' build/<preset>/bin/: with that on PATH, man finds them there.
 find_program(KDX_GZIP gzip REQUIRED)
-set(kdxManPages)
+set(kdxCompressed)
+# kdx_gzip(<file> <compressed file>): a rule that compresses <file> into
+# <compressed file>, run by every build.
+function(kdx_gzip file compressed)
+  get_filename_component(name ${file} NAME)
+  add_custom_command(OUTPUT ${compressed}
+    COMMAND ${KDX_GZIP} -9 -n -k -f ${file}
+    COMMAND ${CMAKE_COMMAND} -E rename ${file}.gz ${compressed}
+    DEPENDS ${file}
+    COMMENT "Compressing ${name}"
+    VERBATIM)
+  set(kdxCompressed ${kdxCompressed} ${compressed} PARENT_SCOPE)
+endfunction()
+
 function(kdx_man_page page section component)
   set(copy ${PROJECT_BINARY_DIR}/man/${page})
+  set(dir ${PROJECT_BINARY_DIR}/${CMAKE_INSTALL_DATAROOTDIR}/man/man${section})
   configure_file(${PROJECT_SOURCE_DIR}/man/${page} ${copy} COPYONLY)
-  add_custom_command(OUTPUT ${copy}.gz
-    COMMAND ${KDX_GZIP} -9 -n -k -f ${copy}
-    DEPENDS ${copy}
-    COMMENT "Compressing the manual page ${page}"
-    VERBATIM)
-  install(FILES ${copy}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
-  set(kdxManPages ${kdxManPages} ${copy}.gz PARENT_SCOPE)
+  file(MAKE_DIRECTORY ${dir})
+  kdx_gzip(${copy} ${dir}/${page}.gz)
+  install(FILES ${dir}/${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man${section} COMPONENT ${component})
+  set(kdxCompressed ${kdxCompressed} PARENT_SCOPE)
 endfunction()
 kdx_man_page(kendrivex-cli.1 1 Unspecified)
 kdx_man_page(kendrivex-ctl.1 1 Unspecified)
@@ -33,7 +54,6 @@ kdx_man_page(kendrivex_ipc.3 3 ipc_dev)
 # kendrivex-bridge's files are a component of their own, which no package
 # holds yet.
 kdx_man_page(kendrivex-bridge.8 8 bridge)
-add_custom_target(kdx_man_pages ALL DEPENDS ${kdxManPages})
 
 # The Debian name of the target architecture, from the compiler's multiarch
 # triplet, so that a cross build is not labelled with the build machine's.
@@ -83,8 +103,16 @@ string(REGEX MATCH "^[0-9]+" kdxGccMajor "${CMAKE_CXX_COMPILER_VERSION}")
 set(kdxRuntimeDepends
   "${kdxLibcDepends}, libstdc++6 (>= ${kdxGccMajor}), libgcc-s1 (>= ${kdxGccMajor})")
 
-set(KDX_PACKAGE_MAINTAINER "kendrivex-cli developers <kendrivex-cli@example.org>"
-  CACHE STRING "Maintainer field of the Debian packages")
+# The project's name and address: the Maintainer field of every package, the
+# contact and copyright holder in the copyright file and the signature of
+# the changelog's entries. Set here and nowhere else.
+# A plain variable, not a cache entry, so that a build configured before a
+# change cannot keep the old name.
+set(KDX_PACKAGE_MAINTAINER "Seed 38a510ad maintainers <maintainers@users.noreply.c-seed-38a510ad.example>")
+if(NOT KDX_PACKAGE_MAINTAINER MATCHES "^([^<>]*[^<> ]) <[^<> ]+@[^<> ]+>$")
+  message(FATAL_ERROR "KDX_PACKAGE_MAINTAINER must read \"name <address>\", not \"${KDX_PACKAGE_MAINTAINER}\"")
+endif()
+set(KDX_PACKAGE_COPYRIGHT_HOLDER "${CMAKE_MATCH_1}")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME kendrivex-cli)
@@ -93,9 +121,9 @@ set(CPACK_PACKAGE_CONTACT "${KDX_PACKAGE_MAINTAINER}")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-# Only these components are packaged: anything else that installs files by
-# mistake stays out of the packages.
-set(CPACK_COMPONENTS_ALL Unspecified ipc_runtime ipc_dev)
+# Only the components declared with kdx_debian_package are packaged: anything
+# else that installs files by mistake stays out of the packages.
+set(CPACK_COMPONENTS_ALL)
 
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
@@ -105,13 +133,71 @@ endif()
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
-# A shlibs file in the package that holds the library, so that packages of
-# programs linked against it get their dependency from dpkg-shlibdeps.
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
+# CPack's own shlibs file would come with maintainer scripts that call
+# ldconfig; kdx_debian_package writes the shlibs file itself and uses the
+# ldconfig trigger instead, as Debian does.
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS OFF)
 set(kdxDebianVersion ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
 
-set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_NAME kendrivex-cli)
+# The copyright file and the changelog, the same for every package. The
+# changelog's latest entry must be for the version being packaged.
+set(kdxDebianDir ${PROJECT_SOURCE_DIR}/cmake/debian)
+set(kdxDebianBuildDir ${PROJECT_BINARY_DIR}/debian)
+configure_file(${kdxDebianDir}/copyright.in ${kdxDebianBuildDir}/copyright @ONLY)
+configure_file(${kdxDebianDir}/changelog ${kdxDebianBuildDir}/changelog.Debian @ONLY)
+file(STRINGS ${kdxDebianDir}/changelog kdxChangelogTop LIMIT_COUNT 1)
+if(NOT kdxChangelogTop MATCHES "^${PROJECT_NAME} \\(${kdxDebianVersion}\\) ")
+  message(FATAL_ERROR "cmake/debian/changelog has no entry for ${kdxDebianVersion} at its top: "
+    "add one for the version being packaged")
+endif()
+kdx_gzip(${kdxDebianBuildDir}/changelog.Debian ${kdxDebianBuildDir}/changelog.Debian.gz)
+add_custom_target(kdx_compressed_files ALL DEPENDS ${kdxCompressed})
+
+# kdx_debian_package(<component> <package> [LIBRARY <shared library target>])
+# Makes the install component <component> the Debian package <package>, with
+# the copyright file, the changelog and its lintian overrides: those of every
+# package (cmake/debian/lintian-overrides) followed by the package's own
+# (cmake/debian/<package>.lintian-overrides), if any. These are installed
+# with the component only (cmake --install of the whole tree leaves them
+# out). With LIBRARY, the package holds that shared
+# library: it gets a shlibs file, so that packages of programs linked against
+# it get their dependency from dpkg-shlibdeps, and the ldconfig trigger, so
+# that the library cache is updated without maintainer scripts. The
+# package's own control fields (section, dependencies, description) are set
+# as CPACK_DEBIAN_<COMPONENT>_... beside the call.
+function(kdx_debian_package component package)
+  cmake_parse_arguments(ARG "" "LIBRARY" "" ${ARGN})
+  string(TOUPPER ${component} upper)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${package} PARENT_SCOPE)
+  set(CPACK_COMPONENTS_ALL ${CPACK_COMPONENTS_ALL} ${component} PARENT_SCOPE)
+  set(doc ${CMAKE_INSTALL_DATADIR}/doc/${package})
+  install(FILES ${kdxDebianBuildDir}/copyright ${kdxDebianBuildDir}/changelog.Debian.gz
+    DESTINATION ${doc} COMPONENT ${component} EXCLUDE_FROM_ALL)
+  # The overrides of every package, then the package's own.
+  set(overrides ${kdxDebianBuildDir}/${package}/lintian-overrides)
+  file(READ ${kdxDebianDir}/lintian-overrides text)
+  set(own ${kdxDebianDir}/${package}.lintian-overrides)
+  if(EXISTS ${own})
+    file(READ ${own} ownText)
+    string(APPEND text "${ownText}")
+  endif()
+  file(CONFIGURE OUTPUT ${overrides} CONTENT "${text}" @ONLY)
+  install(FILES ${overrides} DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME ${package}
+    COMPONENT ${component} EXCLUDE_FROM_ALL)
+  if(ARG_LIBRARY)
+    get_target_property(soversion ${ARG_LIBRARY} SOVERSION)
+    get_target_property(name ${ARG_LIBRARY} OUTPUT_NAME)
+    if(NOT name)
+      set(name ${ARG_LIBRARY})
+    endif()
+    set(control ${kdxDebianBuildDir}/${package})
+    file(WRITE ${control}/shlibs "lib${name} ${soversion} ${package} (>= ${kdxDebianVersion})\n")
+    file(WRITE ${control}/triggers "activate-noawait ldconfig\n")
+    set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA "${control}/shlibs;${control}/triggers" PARENT_SCOPE)
+  endif()
+endfunction()
+
+kdx_debian_package(Unspecified kendrivex-cli)
 set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_DEPENDS "${kdxRuntimeDepends}")
 set(CPACK_DEBIAN_UNSPECIFIED_DESCRIPTION
@@ -131,7 +217,7 @@ the client library) can be tried and tested without the device.")
 # The library package carries the library's SONAME version in its name.
 get_target_property(kdxIpcSoversion kendrivex_ipc SOVERSION)
 set(kdxIpcPackage libkendrivex-ipc${kdxIpcSoversion})
-set(CPACK_DEBIAN_IPC_RUNTIME_PACKAGE_NAME ${kdxIpcPackage})
+kdx_debian_package(ipc_runtime ${kdxIpcPackage} LIBRARY kendrivex_ipc)
 set(CPACK_DEBIAN_IPC_RUNTIME_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_IPC_RUNTIME_PACKAGE_DEPENDS "${kdxRuntimeDepends}")
 set(CPACK_DEBIAN_IPC_RUNTIME_DESCRIPTION
@@ -139,7 +225,7 @@ set(CPACK_DEBIAN_IPC_RUNTIME_DESCRIPTION
 Lets programs written in C send requests to the device-control service and
 read its replies, as kendrivex-cli does.")
 
-set(CPACK_DEBIAN_IPC_DEV_PACKAGE_NAME libkendrivex-ipc-dev)
+kdx_debian_package(ipc_dev libkendrivex-ipc-dev)
 set(CPACK_DEBIAN_IPC_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_IPC_DEV_PACKAGE_DEPENDS "${kdxIpcPackage} (= ${kdxDebianVersion})")
 set(CPACK_DEBIAN_IPC_DEV_DESCRIPTION

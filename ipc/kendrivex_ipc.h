@@ -6,10 +6,12 @@
  * different handles is safe from several threads.
  *
  * Each handle holds 3 descriptors (its socket, its event socket and the event
- * socket's wake-up eventfd) and one thread. The client waits for replies with
- * select, which cannot wait for descriptors at or above FD_SETSIZE (1024): a
- * process that already has most of its first 1024 descriptors in use cannot
- * make more handles (about 340 in a process that opens nothing else).
+ * socket's wake-up eventfd) and one thread. A directory has ten socket slots
+ * for each process, so one process can have at most 10 live handles per
+ * directory. The client waits for replies with select, which cannot wait for
+ * descriptors at or above FD_SETSIZE (1024): a process that already has most
+ * of its first 1024 descriptors in use cannot make more handles (with handles
+ * in several directories, 339 in a process that opens nothing else).
  *
  * When the service is restarted, the next request on a handle finds it
  * again: the handle's socket is made anew, its event socket registered with
@@ -77,9 +79,10 @@ KDX_IPC_API kdx_ipc_client* kdx_ipc_create_client(const char* server_path, const
 
 /*
  * Sends command cmd with the first argc strings of argv (fewer if a NULL entry
- * comes first) and waits up to 5 seconds for the reply. The code is
- * KDX_IPC_RESULT_IO_FAILURE when no reply came; code and count are 0 for a
- * handle that kdx_ipc_create_client did not return.
+ * comes first) and waits up to 5 seconds for the reply; up to 10 seconds while
+ * the handle repeats its registration in the background, whose exchange it
+ * waits for first. The code is KDX_IPC_RESULT_IO_FAILURE when no reply came;
+ * code and count are 0 for a handle that kdx_ipc_create_client did not return.
  */
 KDX_IPC_API kdx_ipc_result kdx_ipc_send(kdx_ipc_client* handle, uint32_t cmd, int argc, char** argv);
 
@@ -89,8 +92,9 @@ KDX_IPC_API kdx_ipc_result kdx_ipc_send(kdx_ipc_client* handle, uint32_t cmd, in
  * handle. Returns KDX_IPC_OK, or KDX_IPC_ERROR_UNKNOWN_HANDLE (doing nothing)
  * for NULL, a handle that kdx_ipc_create_client did not return, or one that
  * is destroyed already. May take up to 5 seconds when the service does not
- * answer the unregistration. No other thread may use the handle meanwhile,
- * and the handle must not be used afterwards.
+ * answer the unregistration (up to 10 while a repeated registration waits for
+ * its answer). No other thread may use the handle meanwhile, and the handle
+ * must not be used afterwards.
  */
 KDX_IPC_API int kdx_ipc_destroy_client(kdx_ipc_client* handle);
 

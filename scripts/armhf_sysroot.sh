@@ -35,7 +35,7 @@ has_candidate() {
   grep -q 'Candidate: [0-9]' <<<"$policy"
 }
 if ! has_candidate libmosquitto1; then
-  $sudo apt-get update || echo "armhf_sysroot: apt-get update failed in part; going on with what it got" >&2
+  $sudo apt-get -o DPkg::Lock::Timeout=600 update || echo "armhf_sysroot: apt-get update failed in part; going on with what it got" >&2
 fi
 for package in "${packages[@]}"; do
   has_candidate "$package" || { echo "armhf_sysroot: no armhf package $package" >&2; exit 1; }

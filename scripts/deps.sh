@@ -10,11 +10,12 @@ set -euo pipefail
 # nlohmann-json3-dev is header-only and serves the cross build too;
 # bash-completion loads the completion that the tests try; libclang-rt-14-dev
 # carries the input splitter that the fuzz targets use (the test run replays
-# them in every build). kendrivex-bridge links libmosquitto; its tests run a
-# broker of their own (mosquitto), make its certificates (openssl) and check
-# its systemd unit (systemd-analyze, from systemd).
+# them in every build); jq is in the README's examples, which a test runs.
+# kendrivex-bridge links libmosquitto; its tests run a broker of their own
+# (mosquitto), make its certificates (openssl) and check its systemd unit
+# (systemd-analyze, from systemd).
 packages=(cmake ninja-build ccache g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-  bash-completion libclang-rt-14-dev libmosquitto-dev mosquitto mosquitto-clients openssl systemd)
+  bash-completion libclang-rt-14-dev jq libmosquitto-dev mosquitto mosquitto-clients openssl systemd)
 sysroot=false
 for arg in "$@"; do
   case "$arg" in
@@ -41,9 +42,12 @@ if [ ${#missing[@]} -ne 0 ]; then
   sudo=""
   if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
   export DEBIAN_FRONTEND=noninteractive
-  if ! $sudo apt-get install -y --no-install-recommends "${missing[@]}"; then
-    $sudo apt-get update
-    $sudo apt-get install -y --no-install-recommends "${missing[@]}"
+  # Another apt-get (a second script installing at the same time) holds
+  # dpkg's lock for a while: wait for it rather than fail.
+  lock_wait=(-o DPkg::Lock::Timeout=600)
+  if ! $sudo apt-get "${lock_wait[@]}" install -y --no-install-recommends "${missing[@]}"; then
+    $sudo apt-get "${lock_wait[@]}" update
+    $sudo apt-get "${lock_wait[@]}" install -y --no-install-recommends "${missing[@]}"
   fi
 fi
 if [ "$sysroot" = true ]; then

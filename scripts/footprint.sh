@@ -28,9 +28,9 @@ qemu=(qemu-arm -L /usr/arm-linux-gnueabihf)
 # What the device stores: the build target and its path in the build tree,
 # one line each; the table has a row for each, in this order.
 shipped=(
-  "kendrivex-cli app/kendrivex-cli"
-  "kendrivex-ctl tools/ctl/kendrivex-ctl"
-  "kendrivex-sim tools/sim/kendrivex-sim"
+  "kendrivex-cli bin/kendrivex-cli"
+  "kendrivex-ctl bin/kendrivex-ctl"
+  "kendrivex-sim bin/kendrivex-sim"
   "kendrivex_ipc ipc/libkendrivex_ipc.so"
   "kendrivex-bridge tools/bridge/kendrivex-bridge"
 )
@@ -66,7 +66,7 @@ measure() {
   local run="$tmp/run"
   rm -rf "$run"
   mkdir "$run"
-  start_sim "$host/tools/sim/kendrivex-sim" "$run/service" --log "$run/sim.log"
+  start_sim "$host/bin/kendrivex-sim" "$run/service" --log "$run/sim.log"
 
   # The keys go through a FIFO that stays open for writing until the end, so
   # that `script` never sees the end of its input while the client runs.
@@ -129,9 +129,9 @@ for entry in "${shipped[@]}"; do stripped_row "$arm/${entry#* }"; done
 echo
 echo "| running client, after send_ping, atcmd_wlanapclist, atcmd_wlanmac, help | peak RSS (VmHWM) | RSS (VmRSS) | threads |"
 echo "|---|---:|---:|---:|"
-measure "$(uname -m), native" 10 "$host/app/kendrivex-cli"
+measure "$(uname -m), native" 10 "$host/bin/kendrivex-cli"
 measure "armhf under qemu-arm (emulated: the emulator's own memory and thread included)" 60 \
-  "${qemu[@]}" "$arm/app/kendrivex-cli"
+  "${qemu[@]}" "$arm/bin/kendrivex-cli"
 echo
 echo "Measured on $(date -u +%Y-%m-%d) with $(g++ --version | head -n 1) (host, Release build) and" \
   "$(arm-linux-gnueabihf-g++ --version | head -n 1) (armhf, size build)."

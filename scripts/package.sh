@@ -25,8 +25,7 @@ for arch in "${archs[@]}"; do
     armhf) preset=armhf; triplet=arm-linux-gnueabihf ;;
     *) echo "unknown architecture '$arch': amd64 or armhf" >&2; exit 2 ;;
   esac
-  # CPack reads the libraries' sonames with readelf and finds them with file.
-  scripts/deps.sh "$preset" file
+  scripts/deps.sh "$preset"
   dir="$build_root/$preset"
   start=$(date +%s)
   cmake --preset "$preset" -B "$dir" \

@@ -3,8 +3,45 @@
 # a socket in a fresh temporary directory and runs the client against it in
 # the foreground. When the client ends, however it ends, the simulator is
 # stopped and the directory removed. Arguments are passed to the simulator,
-# e.g. `scripts/run.sh --delay 2000 --no-stations` (see kendrivex-sim --help).
+# e.g. `scripts/run.sh --delay 2000 --no-stations` (see kendrivex-sim --help);
+# -h or --help prints the script's own usage.
 set -euo pipefail
+
+usage() {
+  cat <<'TEXT'
+usage: scripts/run.sh [simulator options]
+
+Builds kendrivex-cli and the device-service simulator kendrivex-sim (the
+release build), starts the simulator on a socket in a fresh temporary
+directory and runs the client against it in the foreground. When the client
+ends, the simulator is stopped and the directory removed.
+
+The options are passed on to the simulator (kendrivex-sim --help and
+man/kendrivex-sim.1 describe them):
+  --station TEXT          one connected station; repeat for several
+  --no-stations           no station is connected
+  --mac TEXT              the access point's MAC address
+  --event-interval MS     push an event every MS milliseconds (0: never)
+  --event-id N            the event's number
+  --event-text TEXT       the event's text after the number
+  --delay MS              send each reply MS milliseconds late
+  --drop                  send no reply at all
+  --garbage               reply with a line that is not a reply
+  --oversize              reply with 8192 bytes, more than a client reads
+  --faults-on LIST        the commands the four options above affect
+  --refuse-register N     refuse the first N registrations
+  --log FILE              the per-request lines (default: sim.log in the
+                          directory, whose path is printed at start)
+  -h, --help              show this text
+TEXT
+}
+
+for arg in "$@"; do
+  case "$arg" in
+    -h|--help) usage; exit 0 ;;
+  esac
+done
+
 cd "$(dirname "$0")/.."
 
 scripts/deps.sh release
@@ -28,9 +65,9 @@ trap 'exit 143' TERM
 
 # The simulator's per-request lines go to the log file, so that they never
 # garble the client's terminal; a --log among the arguments overrides it.
-start_sim build/release/tools/sim/kendrivex-sim "$service" --log "$log" "$@"
+start_sim build/release/bin/kendrivex-sim "$service" --log "$log" "$@"
 
 echo "simulator on $service, its log in $log"
 status=0
-build/release/app/kendrivex-cli "$service" "$dir" || status=$?
+build/release/bin/kendrivex-cli "$service" "$dir" || status=$?
 exit "$status"

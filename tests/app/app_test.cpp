@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "kdx_test_paths.h"
 #include "tests/support/syslog_file.h"
 #include "tests/support/wait_until.h"
 

@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "kdx_test_paths.h"
+
 namespace zel::app::test {
 
 const char kReconnectText[] = "bool zel::ipc::IPCClient::Reconnect(const std::string&, ssize_t)";

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "kdx_test_paths.h"
 #include "tests/app/app_test.h"
 
 namespace zel::app::test {

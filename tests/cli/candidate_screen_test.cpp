@@ -18,6 +18,7 @@ using ::zel::test::LogRecord;
 using ::zel::test::SyslogCapture;
 using Names = std::list<std::string>;
 using Records = std::vector<LogRecord>;
+using Screen = Access::Screen;
 using namespace keys;
 
 const Names kAtcmdNames = {"atcmd_wlanapclist", "atcmd_wlanmac"};
@@ -48,6 +49,11 @@ class CandidateScreenTest : public CliTest {
     Written();
   }
   int32_t selected() { return Access::selected(*screen()); }
+  // Hands one key to the open screen alone, without the editor.
+  Screen::KeyOutcome OnKey(KeyType type) {
+    Console::KeyInfo info{0, type};
+    return screen()->onKey(&info);
+  }
 };
 
 // --- Completing ---
@@ -193,7 +199,36 @@ TEST_F(CandidateScreenTest, TypedCharactersAndOtherKeysAreIgnoredWhileOpen) {
   EXPECT_EQ(SyslogCapture::Records(), Records({UnknownKeyRecord(0x1)}));
 }
 
-// --- Closing ---
+// --- What a key leaves to the editor ---
+
+TEST_F(CandidateScreenTest, NavigationKeysKeepTheListOpen) {
+  OpenAtcmdScreen();
+  EXPECT_EQ(OnKey(KeyType::Down), Screen::KeyOutcome::Keep);
+  EXPECT_EQ(selected(), 1);
+  ASSERT_EQ(Written(), AtcmdRestore("a") + Drawn(kAtcmdNames, 1));
+}
+
+class ClosingKeyTest : public CandidateScreenTest, public ::testing::WithParamInterface<KeyType> {};
+
+TEST_P(ClosingKeyTest, LeavesClosingTheListToTheEditor) {
+  OpenAtcmdScreen();
+  EXPECT_EQ(OnKey(GetParam()), Screen::KeyOutcome::Close);
+  EXPECT_NE(screen(), nullptr);
+  ASSERT_EQ(Written(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Keys, ClosingKeyTest, ::testing::Values(KeyType::Backspace, KeyType::Tab),
+                         [](const ::testing::TestParamInfo<KeyType>& info) {
+                           return std::string(info.param == KeyType::Tab ? "Tab" : "Backspace");
+                         });
+
+TEST_F(CandidateScreenTest, EnterLeavesSelectingToTheEditor) {
+  OpenAtcmdScreen();
+  EXPECT_EQ(OnKey(KeyType::Enter), Screen::KeyOutcome::Select);
+  EXPECT_NE(screen(), nullptr);
+  EXPECT_EQ(line(), "a");
+  ASSERT_EQ(Written(), "");
+}
 
 TEST_F(CandidateScreenTest, EnterTakesTheSelectedNameIntoTheLine) {
   OpenAtcmdScreen();

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "kdx_test_paths.h"
 #include "tests/cli/cli_test_support.h"
 #include "tests/support/log_record.h"
 #include "tests/support/pty_process.h"
@@ -22,9 +23,6 @@ using ::zel::test::SyslogCaptureEnv;
 using ::zel::test::TempDir;
 using ::zel::test::WaitForSyslogRecord;
 using namespace keys;
-
-const std::string kStart =
-    "*******************************\r\n kendrivex cli\r\n*******************************\r\nhi>";
 
 class CliEndToEndTest : public ::testing::Test {
  protected:

@@ -38,6 +38,10 @@ inline constexpr char kBackspace[] = "\x7f";
 inline constexpr char kEnter[] = "\r";
 }  // namespace keys
 
+// The banner and the first prompt as the terminal shows them.
+inline const std::string kStart =
+    "*******************************\r\n kendrivex cli\r\n*******************************\r\nhi>";
+
 using KeyType = Console::KeyType;
 using Access = CmdLineInterfaceTestAccess;
 

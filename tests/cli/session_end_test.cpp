@@ -20,10 +20,6 @@ using ::zel::test::LogRecord;
 using ::zel::test::SyslogCapture;
 using Records = std::vector<LogRecord>;
 
-// The banner and the first prompt as the terminal shows them.
-const std::string kStart =
-    "*******************************\r\n kendrivex cli\r\n*******************************\r\nhi>";
-
 class SessionEndTest : public CliTest {
  protected:
   SessionEndTest() { cli.setBanner(kBanner); }

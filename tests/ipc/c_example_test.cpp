@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "gtest/gtest.h"
+#include "kdx_test_paths.h"
 #include "tests/ipc/client_test_env.h"
 #include "tests/support/pty_process.h"
 

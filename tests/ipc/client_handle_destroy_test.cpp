@@ -23,11 +23,6 @@ using zel::ipc::DestroyClientHandle;
 using zel::ipc::IPCClient;
 using zel::ipc::SendByHandle;
 
-size_t RegistrySize() {
-  std::lock_guard<std::mutex> lock(zel::ipc::gClientRegistryMutex);
-  return zel::ipc::gClientRegistry.size();
-}
-
 const LogRecord kBeyondSelect{LOG_ERR,
                               "zel::ipc::IPCClient* zel::ipc::CreateClientHandle(const char*, const char*, uint32_t) "
                               "64: a new client's descriptors would not fit select (FD_SETSIZE [1024]), no handle "

@@ -25,11 +25,6 @@ uint32_t RegisteredValue(IPCClient* handle) {
   return entry == zel::ipc::gClientRegistry.end() ? 0xFFFFFFFFu : entry->second;
 }
 
-size_t RegistrySize() {
-  std::lock_guard<std::mutex> lock(zel::ipc::gClientRegistryMutex);
-  return zel::ipc::gClientRegistry.size();
-}
-
 bool SlotIsZero(const ClientHandleResult& result, int slot) {
   for (char byte : result.args[slot]) {
     if (byte != 0) return false;

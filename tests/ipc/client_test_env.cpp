@@ -6,7 +6,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 
+#include "ipc/client_handle.h"
 #include "tests/support/syslog_capture.h"
 #include "tests/support/wait_until.h"
 
@@ -76,6 +78,11 @@ size_t EntryCount(const char* dir) {
 size_t ThreadCount() { return EntryCount("/proc/self/task"); }
 
 size_t DescriptorCount() { return EntryCount("/proc/self/fd"); }
+
+size_t RegistrySize() {
+  std::lock_guard<std::mutex> lock(zel::ipc::gClientRegistryMutex);
+  return zel::ipc::gClientRegistry.size();
+}
 
 bool FileExists(const std::string& path) {
   struct stat info;

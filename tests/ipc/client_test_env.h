@@ -69,6 +69,8 @@ void Touch(const std::string& path);
 bool HasRecord(const LogRecord& record);
 // Log records whose text starts with `prefix`.
 std::vector<LogRecord> RecordsStartingWith(const std::string& prefix);
+// Handles of the C binding registered right now.
+size_t RegistrySize();
 // The calling thread's kernel id.
 pid_t CurrentTid();
 // Waits until thread `tid` of this process sleeps in poll or select (a key

@@ -91,6 +91,10 @@ void PipeProcess::RedirectCoverageCounters(Options& options) {
     throw std::runtime_error("chmod " + mCounterDir->path() + ": " + std::strerror(errno));
   }
   options.env.push_back("GCOV_PREFIX=" + mCounterDir->path());
+  // Every directory of the counters' paths is left out, so that gcov makes
+  // none: one made under the program's own umask (kendrivex-ctl's keeps its
+  // socket files to their owner) could not be entered to write into.
+  options.env.push_back("GCOV_PREFIX_STRIP=64");
 }
 
 PipeProcess::~PipeProcess() {

@@ -47,6 +47,15 @@ void SetUpChildInput(PtyProcess::Input input, int slave, int inputFd) {
   }
 }
 
+// The pipe that becomes the child's standard output, its reading end
+// non-blocking; both ends -1 for the terminal.
+void OpenOutputPipe(PtyProcess::OutputSink output, int fds[2]) {
+  fds[0] = fds[1] = -1;
+  if (output != PtyProcess::OutputSink::Pipe) return;
+  if (::pipe2(fds, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+  ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
+}
+
 }  // namespace
 
 PtyProcess::PtyProcess(const std::vector<std::string>& argv) : PtyProcess(argv, Options()) {}
@@ -63,6 +72,8 @@ PtyProcess::PtyProcess(const std::vector<std::string>& argv, Options options) {
   std::vector<char*> envp = ExecPointers(env);
   mStartSettings = mPty.Settings();
   const int inputFd = OpenInput(options);
+  int outPipe[2];
+  OpenOutputPipe(options.output, outPipe);
   const int slave = mPty.OpenSlave();
   int errFd = -1;
   if (!options.stderrPath.empty()) {
@@ -70,6 +81,9 @@ PtyProcess::PtyProcess(const std::vector<std::string>& argv, Options options) {
     if (errFd < 0) {
       ::close(slave);
       if (inputFd >= 0) ::close(inputFd);
+      for (int fd : outPipe) {
+        if (fd >= 0) ::close(fd);
+      }
       throw std::runtime_error("cannot open " + options.stderrPath);
     }
   }
@@ -83,7 +97,7 @@ PtyProcess::PtyProcess(const std::vector<std::string>& argv, Options options) {
     ::setsid();
     ::ioctl(slave, TIOCSCTTY, 0);
     SetUpChildInput(options.input, slave, inputFd);
-    ::dup2(slave, STDOUT_FILENO);
+    ::dup2(outPipe[1] >= 0 ? outPipe[1] : slave, STDOUT_FILENO);
     ::dup2(errFd >= 0 ? errFd : slave, STDERR_FILENO);
     if (options.inChild) options.inChild();
     ::execve(program.c_str(), args.data(), envp.data());
@@ -92,6 +106,8 @@ PtyProcess::PtyProcess(const std::vector<std::string>& argv, Options options) {
   ::close(slave);
   if (inputFd >= 0) ::close(inputFd);
   if (errFd >= 0) ::close(errFd);
+  if (outPipe[1] >= 0) ::close(outPipe[1]);
+  mOutPipe = outPipe[0];
 }
 
 PtyProcess::~PtyProcess() {
@@ -102,6 +118,7 @@ PtyProcess::~PtyProcess() {
     while (::waitpid(mPid, &status, 0) < 0 && errno == EINTR) {
     }
   }
+  if (mOutPipe >= 0) ::close(mOutPipe);
 }
 
 // A program killed outright never writes a coverage build's counters, and
@@ -131,6 +148,22 @@ bool PtyProcess::WaitForOutputSize(size_t size, milliseconds timeout) { return m
 
 bool PtyProcess::WaitForQuiet(milliseconds quiet, milliseconds timeout) { return mPty.WaitForQuiet(quiet, timeout); }
 
+bool PtyProcess::WaitForPipeOutput(const std::string& needle, milliseconds timeout) {
+  return WaitUntil(
+      [this, &needle] {
+        ReadPipe();
+        return mPipeOutput.find(needle) != std::string::npos;
+      },
+      timeout);
+}
+
+void PtyProcess::ReadPipe() {
+  if (mOutPipe < 0) return;
+  char buffer[4096];
+  ssize_t count = 0;
+  while ((count = ::read(mOutPipe, buffer, sizeof buffer)) > 0) mPipeOutput.append(buffer, static_cast<size_t>(count));
+}
+
 void PtyProcess::Signal(int signo) {
   if (mPid > 0 && !mStatus) ::kill(mPid, signo);
 }
@@ -141,12 +174,15 @@ std::optional<int> PtyProcess::WaitForExit(milliseconds timeout) {
   const bool ended = WaitUntil(
       [this] {
         if (Reaped()) return true;
+        ReadPipe();
         mPty.WaitForQuiet(milliseconds(1), milliseconds(1));
         return false;
       },
       timeout, milliseconds(0));
   if (!ended) return std::nullopt;
   mPty.WaitForEnd(std::chrono::seconds(5));
+  // The program has ended: all it wrote to the pipe is there to be taken.
+  ReadPipe();
   return mStatus;
 }
 

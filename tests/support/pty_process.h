@@ -1,9 +1,9 @@
 // Runs a program on a fresh pseudo-terminal, types keys into it and collects
-// exactly the bytes it writes. Keys are typed only while the program waits for
-// a key, as an operator would. If KDX_TEST_LAUNCHER is set (for example an
-// emulator command line), its words are put before the program's.
-// Owns the child: a child still running at destruction is killed and reaped.
-// One thread at a time.
+// exactly the bytes it writes (on the terminal, or on a pipe in its place).
+// Keys are typed only while the program waits for a key, as an operator would.
+// If KDX_TEST_LAUNCHER is set (for example an emulator command line), its
+// words are put before the program's. Owns the child: a child still running
+// at destruction is killed and reaped. One thread at a time.
 #pragma once
 
 #include <sys/types.h>
@@ -24,6 +24,9 @@ class PtyProcess {
   // reading (such as /dev/null), a pipe whose writing end is already closed
   // (input that has ended), or no descriptor 0 at all.
   enum class Input { Terminal, File, EndedPipe, Closed };
+  // What the program gets as standard output: the terminal, or a pipe that
+  // this object reads, as when its output is piped into another program.
+  enum class OutputSink { Terminal, Pipe };
 
   struct Options {
     // Extra environment entries ("NAME=value"), overriding inherited ones.
@@ -37,6 +40,7 @@ class PtyProcess {
     Input input = Input::Terminal;
     // The file that Input::File opens.
     std::string inputPath = std::string();
+    OutputSink output = OutputSink::Terminal;
   };
 
   explicit PtyProcess(const std::vector<std::string>& argv);
@@ -71,6 +75,12 @@ class PtyProcess {
   const std::string& Output() const { return mPty.Output(); }
   std::string TakeOutput() { return mPty.TakeOutput(); }
 
+  // With OutputSink::Pipe: waits until the pipe has carried `needle`, taking
+  // what the program has written so far and never waiting for its end.
+  bool WaitForPipeOutput(const std::string& needle, milliseconds timeout = std::chrono::seconds(10));
+  // Everything the pipe has carried so far.
+  const std::string& PipeOutput() const { return mPipeOutput; }
+
   void Signal(int signo);
 
   // Waits for the program to end and returns its wait status; also collects
@@ -83,8 +93,12 @@ class PtyProcess {
   // Collects the wait status if the program has ended; never blocks.
   bool Reaped();
   void HangUpInACoverageBuild();
+  // Takes what is in the output pipe now, without waiting.
+  void ReadPipe();
 
   Pty mPty;
+  int mOutPipe = -1;  // reading end of the output pipe, -1 without one
+  std::string mPipeOutput;
   struct termios mStartSettings {};
   pid_t mPid = -1;
   std::optional<int> mStatus;

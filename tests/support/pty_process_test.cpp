@@ -9,6 +9,7 @@
 #include <string>
 
 #include "gtest/gtest.h"
+#include "kdx_test_paths.h"
 #include "tests/support/temp_dir.h"
 
 namespace zel::test {
@@ -123,6 +124,25 @@ TEST(PtyProcessTest, StandardInputCanBeAPipeThatHasEnded) {
 
 TEST(PtyProcessTest, StandardInputCanBeClosed) {
   EXPECT_EQ(ProbedInput(PtyProcess::Input::Closed), "stdin closed\r\n");
+}
+
+TEST(PtyProcessTest, StandardOutputCanBeAPipeReadWhileTheProgramRuns) {
+  PtyProcess::Options options;
+  options.output = PtyProcess::OutputSink::Pipe;
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "keys"}, options);
+  ASSERT_TRUE(probe.Type("a"));
+  ASSERT_TRUE(probe.WaitForPipeOutput("key>[61]\nkey>"));
+  EXPECT_EQ(probe.PipeOutput(), "key>[61]\nkey>");
+  EXPECT_EQ(probe.Output(), "");
+}
+
+TEST(PtyProcessTest, PipedOutputIsCollectedToItsEndWhenTheProgramEnds) {
+  PtyProcess::Options options;
+  options.output = PtyProcess::OutputSink::Pipe;
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "keys"}, options);
+  ASSERT_TRUE(probe.Type("q"));
+  ASSERT_TRUE(probe.WaitForExit().has_value());
+  EXPECT_EQ(probe.PipeOutput(), "key>[71]\n");
 }
 
 TEST(PtyProcessTest, SettingsShowTheProgramsModeAndStayReadableAfterItsEnd) {

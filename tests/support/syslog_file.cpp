@@ -3,6 +3,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "kdx_test_paths.h"
 #include "tests/support/wait_until.h"
 
 namespace zel::test {

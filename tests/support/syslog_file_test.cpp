@@ -4,6 +4,7 @@
 #include <syslog.h>
 
 #include "gtest/gtest.h"
+#include "kdx_test_paths.h"
 #include "tests/support/pty_process.h"
 #include "tests/support/temp_dir.h"
 

@@ -1,6 +1,7 @@
 #include "tests/support/temp_dir.h"
 
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <stdexcept>
@@ -22,5 +23,10 @@ TempDir::~TempDir() {
 }
 
 std::string TempDir::File(const std::string& name) const { return mPath + "/" + name; }
+
+bool PathExists(const std::string& path) {
+  struct stat info;
+  return ::lstat(path.c_str(), &info) == 0;
+}
 
 }  // namespace zel::test

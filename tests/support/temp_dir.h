@@ -21,4 +21,7 @@ class TempDir {
   std::string mPath;
 };
 
+// True when anything (a file, a socket, a directory, a link) is at `path`.
+bool PathExists(const std::string& path);
+
 }  // namespace zel::test

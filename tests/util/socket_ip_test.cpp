@@ -20,6 +20,7 @@
 #include "tests/support/syslog_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/util/net_probe.h"
+#include "tests/util/socket_records.h"
 #include "util/socket.h"
 
 namespace zel::util {
@@ -30,15 +31,11 @@ using test::SyslogCapture;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using testkit::FreePort;
+using testkit::kConnect;
+using testkit::kInit;
 using testkit::LocalIp;
 using testkit::LocalPort;
-
-constexpr char kInit[] = "zel::Result zel::util::Socket::Init()";
-constexpr char kConnect[] = "zel::Result zel::util::Socket::Connect(std::string)";
-
-LogRecord Made(int fd, const std::string& path) {
-  return {LOG_INFO, "success to make socket fd [" + std::to_string(fd) + "] path [" + path + "]\n"};
-}
+using testkit::Made;
 
 LogRecord Ipv4Bind(const std::string& ip, int port) {
   return {LOG_DEBUG,

@@ -19,6 +19,7 @@
 #include "tests/util/inbox.h"
 #include "tests/util/net_probe.h"
 #include "tests/util/proc_probe.h"
+#include "tests/util/socket_records.h"
 #include "tests/util/test_pipe.h"
 #include "util/socket_client.h"
 #include "util/socket_server.h"
@@ -34,9 +35,8 @@ using ::testing::ElementsAre;
 using testkit::Connection;
 using testkit::Delivery;
 using testkit::Inbox;
+using testkit::kFdCallback;
 using testkit::LocalPort;
-
-constexpr char kFdCallback[] = "void zel::util::SocketServer::FdCallback(int, zel::util::FdType)";
 
 class StreamServerTest : public ::testing::Test {
  protected:

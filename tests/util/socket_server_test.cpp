@@ -25,6 +25,7 @@
 #include "tests/util/inbox.h"
 #include "tests/util/net_probe.h"
 #include "tests/util/proc_probe.h"
+#include "tests/util/socket_records.h"
 #include "tests/util/test_pipe.h"
 #include "util/socket_client.h"
 
@@ -32,19 +33,14 @@ namespace zel::util {
 namespace {
 
 using test::LogRecord;
+using test::PathExists;
 using test::SyslogCapture;
 using test::WaitUntil;
 using ::testing::Contains;
 using ::testing::ElementsAre;
 using testkit::Delivery;
 using testkit::Inbox;
-
-constexpr char kFdCallback[] = "void zel::util::SocketServer::FdCallback(int, zel::util::FdType)";
-
-bool Exists(const std::string& path) {
-  struct stat info;
-  return lstat(path.c_str(), &info) == 0;
-}
+using testkit::kFdCallback;
 
 int Pending(int fd) {
   char buffer[16];
@@ -154,10 +150,10 @@ TEST_F(SocketServerTest, DestructionJoinsTheMonitorAndRemovesTheSocketFile) {
     ASSERT_EQ(client.Send("x", 1), 1);
   }
   ASSERT_TRUE(WaitUntil([&] { return loopTid.load() != 0; }));
-  EXPECT_TRUE(Exists(ServerPath()));
+  EXPECT_TRUE(PathExists(ServerPath()));
   SyslogCapture::Clear();
   server.reset();
-  EXPECT_FALSE(Exists(ServerPath()));
+  EXPECT_FALSE(PathExists(ServerPath()));
   EXPECT_LT(fcntl(fd, F_GETFD), 0);
   EXPECT_TRUE(WaitUntil([&] { return !testkit::TaskExists(loopTid.load()); }));
   EXPECT_THAT(SyslogCapture::Records(),

@@ -18,41 +18,35 @@
 #include "tests/support/syslog_capture.h"
 #include "tests/support/temp_dir.h"
 #include "tests/util/net_probe.h"
+#include "tests/util/socket_records.h"
 #include "tests/util/test_pipe.h"
 
 namespace zel::util {
 namespace {
 
 using test::LogRecord;
+using test::PathExists;
 using test::SyslogCapture;
 using ::testing::ElementsAre;
+using testkit::kConnect;
+using testkit::kInit;
 using testkit::LocalUnixPath;
+using testkit::Made;
 using testkit::TestPipe;
 
-constexpr char kInit[] = "zel::Result zel::util::Socket::Init()";
-constexpr char kConnect[] = "zel::Result zel::util::Socket::Connect(std::string)";
 constexpr char kListen[] = "zel::Result zel::util::Socket::Listen(int)";
 constexpr char kSetReuse[] = "zel::Result zel::util::Socket::SetReuseAddress()";
-
-bool Exists(const std::string& path) {
-  struct stat info;
-  return lstat(path.c_str(), &info) == 0;
-}
 
 bool IsSocketFile(const std::string& path) {
   struct stat info;
   return lstat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode);
 }
 
-LogRecord Made(int fd, const std::string& path) {
-  return {LOG_INFO, "success to make socket fd [" + std::to_string(fd) + "] path [" + path + "]\n"};
-}
-
 TEST(SocketTest, BindReplacesAFileAtItsPathAndDestructionRemovesIt) {
   test::TempDir dir;
   const std::string path = dir.File("s");
   std::ofstream(path) << "stale";
-  ASSERT_TRUE(Exists(path));
+  ASSERT_TRUE(PathExists(path));
   int fd = -1;
   {
     Socket socket(path, SocketType::Datagram, SocketDomain::Unix);
@@ -61,7 +55,7 @@ TEST(SocketTest, BindReplacesAFileAtItsPathAndDestructionRemovesIt) {
     EXPECT_TRUE(IsSocketFile(path));
     EXPECT_EQ(LocalUnixPath(fd), path);
   }
-  EXPECT_FALSE(Exists(path));
+  EXPECT_FALSE(PathExists(path));
   EXPECT_THAT(SyslogCapture::Records(),
               ElementsAre(Made(fd, path), LogRecord{LOG_INFO, "success to close socket [" + path + "]\n"}));
 }
@@ -123,7 +117,7 @@ TEST(SocketTest, UnixStreamSocketCannotBeCreated) {
   test::TempDir dir;
   Socket socket(dir.File("s"), SocketType::Stream, SocketDomain::Unix);
   EXPECT_EQ(socket.GetFd(), -1);
-  EXPECT_FALSE(Exists(dir.File("s")));
+  EXPECT_FALSE(PathExists(dir.File("s")));
   EXPECT_THAT(SyslogCapture::Records(), ElementsAre(LogRecord{LOG_ERR, "Init 150 : socket failed, errno[" +
                                                                            std::to_string(expectedErrno) + "]\n"}));
 }
@@ -172,7 +166,7 @@ TEST(SocketTest, PathLongerThanTheAddressFailsWithoutBinding) {
   ASSERT_EQ(path.size(), 109u);
   Socket socket(path, SocketType::Datagram, SocketDomain::Unix);
   EXPECT_EQ(socket.GetFd(), -1);
-  EXPECT_FALSE(Exists(path));
+  EXPECT_FALSE(PathExists(path));
   EXPECT_THAT(SyslogCapture::Records(),
               ElementsAre(LogRecord{LOG_ERR, std::string(kInit) + ": path [" + path +
                                                  "] of length [109] does not fit a unix address of [108] bytes\n"}));

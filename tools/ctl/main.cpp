@@ -109,6 +109,7 @@ void SetUpLog(const Invocation& invocation) {
     openlog("kendrivex-ctl", LOG_PERROR, LOG_USER);
     return;
   }
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): set on the main thread before any other starts
   setlogmask(LOG_UPTO(invocation.mode == Invocation::Mode::Watch ? LOG_INFO : LOG_NOTICE));
 }
 

@@ -48,6 +48,14 @@ constexpr mode_t kPrivateMode = 0755;
 constexpr mode_t kOwnerOnlyUmask = 0177;
 constexpr mode_t kGroupSharedUmask = 0117;
 
+// The observer of a runner that was given none.
+class NoObserver final : public FileObserver {
+ public:
+  void Added(const std::string& /*path*/, bool /*directory*/) override {}
+  void Removed(const std::string& /*path*/) override {}
+};
+NoObserver gNoObserver;
+
 std::string ShownPath(const std::string& path) { return Shown(path, kShownPathLength); }
 
 bool Fits(const std::string& path) { return path.size() <= zel::ipc::kMaxSocketPathLength; }
@@ -195,7 +203,7 @@ std::string Outcome::Json() const { return answered ? JsonReply(command->name, r
 class Runner::Clients {
  public:
   Clients(Settings settings, FileObserver* observer)
-      : mSettings(std::move(settings)), mObserver(observer), mDir(mSettings.dir) {}
+      : mSettings(std::move(settings)), mObserver(observer != nullptr ? *observer : gNoObserver), mDir(mSettings.dir) {}
   ~Clients() {
     Discard(mCurrent);
     DropRetired();
@@ -207,10 +215,17 @@ class Runner::Clients {
   const Settings& settings() const { return mSettings; }
 
   // The client for the next request, made when there is none; nullptr with
-  // the failure when none can be made.
+  // the failure when none can be made. Only slots that the runner itself
+  // holds are worth a move to a directory of its own: a directory full of
+  // other files would fill up again.
   zel::ipc::IPCClient* Current(Failure& failure) {
-    if (!mCurrent.client && !Make(failure)) return nullptr;
-    return mCurrent.client.get();
+    if (mCurrent.client) return mCurrent.client.get();
+    bool slotsTaken = false;
+    if (TryMake(failure, slotsTaken)) return mCurrent.client.get();
+    if (slotsTaken && !mRetired.empty() && MoveToPrivateDirectory(failure) && TryMake(failure, slotsTaken)) {
+      return mCurrent.client.get();
+    }
+    return nullptr;
   }
 
   // The current client's request went unanswered: it is kept aside, and the
@@ -229,33 +244,24 @@ class Runner::Clients {
     std::string path;
   };
 
-  bool Make(Failure& failure) {
-    bool slotsTaken = false;
-    if (TryMake(failure, slotsTaken)) return true;
-    // Only slots that the runner itself holds are worth a move: a directory
-    // full of other files would fill up again.
-    if (!slotsTaken || mRetired.empty()) return false;
-    return MoveToPrivateDirectory(failure) && TryMake(failure, slotsTaken);
-  }
-
   bool TryMake(Failure& failure, bool& slotsTaken) {
     auto client = std::make_unique<zel::ipc::IPCClient>();
     client->SetReplyTimeout(mSettings.TimeoutUs());
     client->SetUnregisterAtExit(false);
-    Begin();
+    mObserver.BeginMaking();
     const bool made = client->SetLocalPath(mSettings.servicePath, mDir, nullptr);
     // A socket that could not be bound has no descriptor.
-    const bool bound = made && client->DescriptorsFitSelect();
-    if (bound) {
-      mCurrent.path = client->GetClientPath();
-      mCurrent.client = std::move(client);
-      if (mObserver != nullptr) mObserver->Added(mCurrent.path, false);
+    if (!made || !client->DescriptorsFitSelect()) {
+      mObserver.EndMaking();
+      failure = made ? WhyNotBound(mSettings, mDir, client->GetClientPath(), false)
+                     : WhyNoClient(mSettings, mDir, false, &slotsTaken);
+      return false;
     }
-    End();
-    if (bound) return true;
-    failure = made ? WhyNotBound(mSettings, mDir, client->GetClientPath(), false)
-                   : WhyNoClient(mSettings, mDir, false, &slotsTaken);
-    return false;
+    mCurrent.path = client->GetClientPath();
+    mCurrent.client = std::move(client);
+    mObserver.Added(mCurrent.path, false);
+    mObserver.EndMaking();
+    return true;
   }
 
   bool MoveToPrivateDirectory(Failure& failure) {
@@ -271,14 +277,14 @@ class Runner::Clients {
     }
     std::vector<char> name(pattern.begin(), pattern.end());
     name.push_back('\0');
-    Begin();
+    mObserver.BeginMaking();
     const bool made = ::mkdtemp(name.data()) != nullptr;
     const int error = errno;
     if (made) {
       mPrivateDir = name.data();
-      if (mObserver != nullptr) mObserver->Added(mPrivateDir, true);
+      mObserver.Added(mPrivateDir, true);
     }
-    End();
+    mObserver.EndMaking();
     if (!made) {
       failure = Fail(kStatusLocal, ShownPath(pattern), ErrorText(error));
       return false;
@@ -297,26 +303,19 @@ class Runner::Clients {
   // Destroys the client (its socket file goes with it) and forgets its path.
   void Discard(Held& held) {
     held.client.reset();
-    if (!held.path.empty() && mObserver != nullptr) mObserver->Removed(held.path);
+    if (!held.path.empty()) mObserver.Removed(held.path);
     held.path.clear();
   }
 
   void RemovePrivateDirectory() {
     if (mPrivateDir.empty()) return;
     ::rmdir(mPrivateDir.c_str());
-    if (mObserver != nullptr) mObserver->Removed(mPrivateDir);
+    mObserver.Removed(mPrivateDir);
     mPrivateDir.clear();
   }
 
-  void Begin() {
-    if (mObserver != nullptr) mObserver->BeginMaking();
-  }
-  void End() {
-    if (mObserver != nullptr) mObserver->EndMaking();
-  }
-
   const Settings mSettings;
-  FileObserver* const mObserver;
+  FileObserver& mObserver;
   std::string mDir;         // where clients are made now
   std::string mPrivateDir;  // the runner's own directory, once the given one ran out of slots
   Held mCurrent;

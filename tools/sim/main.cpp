@@ -47,8 +47,12 @@ int main(int argc, char** argv) {
     case zel::sim::SimOptions::Outcome::Help:
       Print(stdout, zel::sim::SimOptions::Usage(program));
       return 0;
+    case zel::sim::SimOptions::Outcome::Version:
+      Print(stdout, std::string("kendrivex-sim ") + KDX_VERSION + "\n");
+      return 0;
     case zel::sim::SimOptions::Outcome::Error:
-      Print(stderr, program + ": " + error + "\n" + zel::sim::SimOptions::Usage(program));
+      // One line, as kendrivex-ctl has it: the whole usage text would bury it.
+      Print(stderr, program + ": " + error + " (try --help)\n");
       return kStatusUsage;
     case zel::sim::SimOptions::Outcome::Run:
       break;

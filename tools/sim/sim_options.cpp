@@ -81,20 +81,28 @@ void SetFlag(const std::string& name, SimOptions& options, bool& stationsGiven) 
 bool SetText(const std::string& name, const std::string& value, SimOptions& options, bool& stationsGiven,
              std::string& error) {
   if (name == "--station") {
-    if (value.find('\t') != std::string::npos) return Fail(error, "a station cannot hold a tab: " + value);
+    if (value.find('\t') != std::string::npos) return Fail(error, name + ": cannot hold a tab: \"" + value + "\"");
     if (!stationsGiven) options.stations.clear();
     stationsGiven = true;
     options.stations.push_back(value);
   } else if (name == "--mac") {
-    if (value.find('\t') != std::string::npos) return Fail(error, "the MAC address cannot hold a tab");
+    if (value.find('\t') != std::string::npos) return Fail(error, name + ": cannot hold a tab");
     options.mac = value;
   } else if (name == "--event-text") {
     options.eventText = value;
   } else {
-    if (value.empty()) return Fail(error, "--log needs a file name");
+    if (value.empty()) return Fail(error, name + ": needs a file name");
     options.logPath = value;
   }
   return true;
+}
+
+// What a number option takes, for the message when its value is not that.
+const char* ExpectedNumber(const std::string& name) {
+  if (name == "--event-id") return "not a whole number from -2147483648 to 2147483647";
+  if (name == "--faults-on") return "not a comma-separated list of command numbers";
+  if (name == "--refuse-register") return "not a whole number from 0 to 4294967295";
+  return "not a whole number of milliseconds from 0 to 4294967295";
 }
 
 bool SetNumber(const std::string& name, const std::string& value, SimOptions& options, std::string& error) {
@@ -104,7 +112,7 @@ bool SetNumber(const std::string& name, const std::string& value, SimOptions& op
   if (name == "--delay") ok = ParseUint32(value, options.delayMs);
   if (name == "--faults-on") ok = ParseCommandList(value, options.faultyCommands);
   if (name == "--refuse-register") ok = ParseUint32(value, options.refuseRegistrations);
-  return ok || Fail(error, "bad " + name + ": " + value);
+  return ok || Fail(error, name + ": " + ExpectedNumber(name) + ": \"" + value + "\"");
 }
 
 bool IsTextOption(const std::string& name) {
@@ -132,26 +140,29 @@ SimOptions::Outcome SimOptions::Parse(const std::vector<std::string>& args, SimO
   while (reader.Next()) {
     const std::string& name = reader.Name();
     if (!reader.IsOption()) {
-      if (!options.socketPath.empty()) return Refuse(error, "more than one socket path: " + name);
-      if (name.empty()) return Refuse(error, "the socket path is empty");
+      if (!options.socketPath.empty())
+        return Refuse(error, name + ": more than one socket path (the first: " + options.socketPath + ")");
+      if (name.empty()) return Refuse(error, "socket path: empty");
       options.socketPath = name;
       continue;
     }
     const bool help = name == "--help" || name == "-h";
-    if (help || IsFlag(name)) {
-      if (reader.HasInlineValue()) return Refuse(error, name + " takes no value");
+    const bool version = name == "--version" || name == "-V";
+    if (help || version || IsFlag(name)) {
+      if (reader.HasInlineValue()) return Refuse(error, name + ": takes no value");
       if (help) return Outcome::Help;
+      if (version) return Outcome::Version;
       SetFlag(name, options, stationsGiven);
       continue;
     }
-    if (!IsTextOption(name) && !IsNumberOption(name)) return Refuse(error, "unknown option: " + name);
+    if (!IsTextOption(name) && !IsNumberOption(name)) return Refuse(error, name + ": unknown option");
     std::string value;
-    if (!reader.TakeValue(value)) return Refuse(error, name + " needs a value");
+    if (!reader.TakeValue(value)) return Refuse(error, name + ": needs a value");
     const bool set = IsTextOption(name) ? SetText(name, value, options, stationsGiven, error)
                                         : SetNumber(name, value, options, error);
     if (!set) return Outcome::Error;
   }
-  if (options.socketPath.empty()) return Refuse(error, "no socket path given");
+  if (options.socketPath.empty()) return Refuse(error, "socket path: missing");
   return Outcome::Run;
 }
 
@@ -195,7 +206,8 @@ std::string SimOptions::Usage(const std::string& program) {
          "Output:\n"
          "  --log FILE              append the per-request lines to FILE instead of\n"
          "                          writing them to standard output\n"
-         "  -h, --help              show this text\n";
+         "  -h, --help              show this text\n"
+         "  -V, --version           show the version\n";
 }
 
 }  // namespace zel::sim

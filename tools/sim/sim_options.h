@@ -13,9 +13,10 @@ namespace zel::sim {
 struct SimOptions {
   // What Parse found on the command line.
   enum class Outcome {
-    Run,    // serve with these options
-    Help,   // print the usage text and stop
-    Error,  // print the error and the usage text, and stop with a failure
+    Run,      // serve with these options
+    Help,     // print the usage text and stop
+    Version,  // print the version and stop
+    Error,    // print the error in one line, pointing to --help, and stop with a failure
   };
 
   // The service's socket path (the one positional argument).
@@ -49,7 +50,8 @@ struct SimOptions {
   SimOptions();
 
   // Fills `options` from the arguments after the program name; on Error,
-  // `error` says what is wrong.
+  // `error` says what is wrong as "<what>: <why>", <what> being the option or
+  // argument at fault.
   static Outcome Parse(const std::vector<std::string>& args, SimOptions& options, std::string& error);
   // The --help text for the program named `program`.
   static std::string Usage(const std::string& program);

@@ -72,6 +72,19 @@ TEST_F(CtlTest, BatchTakesLinesWithWindowsLineEnds) {
   EXPECT_EQ(result.out, "PONG\n1\tPONG\n");
 }
 
+TEST_F(CtlTest, BatchWithoutAServiceSaysSoOnceBeforeReadingALine) {
+  // From a file: the program ends before it reads, and a pipe's writer would
+  // find it gone.
+  const std::string commands = dir.File("commands");
+  std::ofstream(commands) << "ping\nmac\n";
+  PipeProcess::Options options = Options();
+  options.stdinPath = commands;
+  const Result result = PipeProcess::Run(Command({"-"}), "", options);
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err, ErrorLine(ServicePath(), "No such file or directory"));
+}
+
 TEST_F(CtlTest, BatchOfNothingSucceedsWithoutARequest) {
   StartFake();
   const Result result = Ctl({"-"}, "");

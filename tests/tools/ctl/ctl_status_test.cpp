@@ -245,6 +245,17 @@ TEST_F(CtlTest, ArgumentsQuotedInAnErrorAreShownShortenedAndEscaped) {
                    "not a whole number of milliseconds from 1 to 60000: \"\\x01\"");
 }
 
+TEST_F(CtlTest, StandardOutputThatCannotBeWrittenIsALocalFailure) {
+  // The shell puts a full device behind standard output, then becomes the
+  // program (behind the test launcher, an emulator, when there is one).
+  PipeProcess::Options options = UncapturedOptions();
+  options.hostTool = true;
+  const Result result = PipeProcess::Run(
+      {"/bin/sh", "-c", "exec ${KDX_TEST_LAUNCHER} \"$0\" --version >/dev/full", KDX_CTL_PATH}, "", options);
+  EXPECT_EQ(result.exitCode, 4);
+  EXPECT_EQ(result.err, ErrorLine("standard output", "No space left on device"));
+}
+
 TEST_F(CtlTest, HelpListsCommandsAndOptionsOnStandardOutput) {
   const Result result = CtlBare({"--help"}, Options());
   EXPECT_EQ(result.exitCode, 0);

@@ -246,6 +246,44 @@ TEST_F(CtlWatchTest, ExecProgramThatCannotStartIsReportedAndTheWatchGoesOn) {
   ExpectCleanStop(SIGTERM, eventPath);
 }
 
+TEST_F(CtlWatchTest, ExecProgramNamedWithoutASlashIsLookedUpOnThePath) {
+  StartFake();
+  const std::string log = dir.File("exec.log");
+  Script("on-event", "echo \"ran $*\" >> " + log);
+  PipeProcess::Options options = UncapturedOptions();
+  options.env.push_back("PATH=/nonexistent::" + dir.path() + ":/usr/bin:/bin");
+  watch = StartCtl({"watch", "--exec", "on-event", "--count", "1"}, options);
+  ASSERT_TRUE(fake->WaitForRequestsFor(4, 1));
+  ASSERT_TRUE(fake->SendTo(Argument(fake->RequestsFor(4)[0].text), "7\tx"));
+  const Result result = watch->Finish();
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.err, "");
+  EXPECT_EQ(Lines(log), std::vector<std::string>({"ran 7 x"}));
+}
+
+TEST_F(CtlWatchTest, ExecProgramNotOnThePathIsReportedAndTheWatchGoesOn) {
+  StartFake();
+  PipeProcess::Options options = UncapturedOptions();
+  options.env.push_back("PATH=" + dir.path());
+  watch = StartCtl({"watch", "--exec", "no-such-handler"}, options);
+  ASSERT_TRUE(fake->WaitForRequestsFor(4, 1));
+  const std::string eventPath = Argument(fake->RequestsFor(4)[0].text);
+  ASSERT_TRUE(fake->SendTo(eventPath, "7"));
+  ASSERT_TRUE(watch->WaitForErr("\n"));
+  EXPECT_EQ(watch->Err(), ErrorLine("no-such-handler", "cannot start: no such executable program"));
+  ExpectCleanStop(SIGTERM, eventPath);
+}
+
+TEST_F(CtlWatchTest, ExecProgramKilledByASignalIsReported) {
+  StartFake();
+  const std::string program = Script("killed", "kill -KILL $$");
+  const std::string eventPath = StartWatch({"-e", program}, false);
+  ASSERT_TRUE(fake->SendTo(eventPath, "7"));
+  ASSERT_TRUE(watch->WaitForErr("\n"));
+  EXPECT_EQ(watch->Err(), ErrorLine(program, "killed by signal 9"));
+  ExpectCleanStop(SIGTERM, eventPath);
+}
+
 TEST_F(CtlWatchTest, RefusedRegistrationIsRetriedLikeTheLibraryDoes) {
   StartFake();
   fake->Script(4, {Answer::Reply("3"), Answer::Reply("1")});

@@ -270,6 +270,24 @@ TEST_F(RunnerTest, ObserverHearsOfEveryFileMadeAndRemoved) {
   EXPECT_NE(::lstat(path.c_str(), &info), 0);
 }
 
+TEST_F(RunnerTest, ObserverNeedNotHearOfTheMaking) {
+  StartFake();
+  fake->Script(1, Answer::Reply("1\tPONG"));
+  // An observer of the files alone, as a program without signal handlers
+  // would have.
+  struct FilesOnly : FileObserver {
+    void Added(const std::string&, bool) override { ++files; }
+    void Removed(const std::string&) override { --files; }
+    int files = 0;
+  } observer;
+  {
+    Runner runner(MakeSettings(), &observer);
+    EXPECT_EQ(runner.RunLine("ping").status, kStatusOk);
+    EXPECT_EQ(observer.files, 1);
+  }
+  EXPECT_EQ(observer.files, 0);
+}
+
 TEST_F(RunnerTest, BlankAndCommentLinesAskForNothing) {
   StartFake();
   for (const char* line : {"", "   ", "# ping"}) {

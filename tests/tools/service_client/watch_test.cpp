@@ -167,16 +167,15 @@ TEST_F(WatchTest, DirectoryAtTheEventSocketsPathFailsTheStartWithFour) {
   EXPECT_EQ(failure.Line("p"), "p: " + eventPath + ": cannot make a socket there: a directory is in the way\n");
 }
 
-TEST_F(WatchTest, FileAtTheEventSocketsPathFailsTheStartWithFour) {
+TEST_F(WatchTest, NoFreeSlotPathFailsTheStartWithFour) {
   StartSim(9, "x");
-  const std::string eventPath = dir.File("ipc_client-" + std::to_string(::getpid()) + "-0-event");
-  const std::string inner = eventPath + "/x";
-  ASSERT_EQ(::mkdir(eventPath.c_str(), 0700), 0);
-  ASSERT_EQ(::mkdir(inner.c_str(), 0700), 0);
+  const std::string stem = dir.File("ipc_client-" + std::to_string(::getpid()) + "-");
+  for (int slot = 0; slot < 10; ++slot) ASSERT_EQ(::mkdir((stem + std::to_string(slot)).c_str(), 0700), 0);
   Watch watch(MakeSettings());
   Failure failure;
   EXPECT_FALSE(watch.Start(failure));
-  EXPECT_EQ(failure.why, "cannot make a socket there: a directory is in the way");
+  EXPECT_EQ(failure.status, kStatusLocal);
+  EXPECT_EQ(failure.why, "no free client socket path (all ten of this process are taken)");
 }
 
 }  // namespace

@@ -43,34 +43,48 @@ TEST_F(SimOptionsTest, DefaultsAnswerThreeStationsAMacAndPushAnEventEveryTenSeco
 
 TEST_F(SimOptionsTest, MissingSocketPathIsAnError) {
   EXPECT_EQ(Parse({"--drop"}), Outcome::Error);
-  EXPECT_EQ(error, "no socket path given");
+  EXPECT_EQ(error, "socket path: missing");
 }
 
 TEST_F(SimOptionsTest, SecondSocketPathIsAnError) {
   EXPECT_EQ(Parse({"/tmp/a", "/tmp/b"}), Outcome::Error);
-  EXPECT_EQ(error, "more than one socket path: /tmp/b");
+  EXPECT_EQ(error, "/tmp/b: more than one socket path (the first: /tmp/a)");
 }
 
 TEST_F(SimOptionsTest, EmptySocketPathIsAnError) {
   EXPECT_EQ(Parse({""}), Outcome::Error);
-  EXPECT_EQ(error, "the socket path is empty");
+  EXPECT_EQ(error, "socket path: empty");
 }
 
 TEST_F(SimOptionsTest, UnknownOptionIsAnError) {
   EXPECT_EQ(Parse({"--bogus", "/tmp/svc"}), Outcome::Error);
-  EXPECT_EQ(error, "unknown option: --bogus");
+  EXPECT_EQ(error, "--bogus: unknown option");
 }
 
 TEST_F(SimOptionsTest, ShortHelpIsHelp) { EXPECT_EQ(Parse({"-h"}), Outcome::Help); }
 
 TEST_F(SimOptionsTest, SingleDashArgumentIsAnOption) {
   EXPECT_EQ(Parse({"-x", "/tmp/svc"}), Outcome::Error);
-  EXPECT_EQ(error, "unknown option: -x");
+  EXPECT_EQ(error, "-x: unknown option");
 }
 
 TEST_F(SimOptionsTest, OptionWithoutItsValueIsAnError) {
   EXPECT_EQ(Parse({"/tmp/svc", "--mac"}), Outcome::Error);
-  EXPECT_EQ(error, "--mac needs a value");
+  EXPECT_EQ(error, "--mac: needs a value");
+}
+
+TEST_F(SimOptionsTest, VersionLongAndShortIsVersion) {
+  EXPECT_EQ(Parse({"--version"}), Outcome::Version);
+  EXPECT_EQ(Parse({"-V"}), Outcome::Version);
+}
+
+TEST_F(SimOptionsTest, VersionEndsTheParsing) {
+  EXPECT_EQ(Parse({"/tmp/svc", "--version", "--bogus"}), Outcome::Version);
+}
+
+TEST_F(SimOptionsTest, VersionWithAValueIsAnError) {
+  EXPECT_EQ(Parse({"--version=1"}), Outcome::Error);
+  EXPECT_EQ(error, "--version: takes no value");
 }
 
 TEST_F(SimOptionsTest, HelpEndsTheParsing) { EXPECT_EQ(Parse({"/tmp/svc", "--help", "--bogus"}), Outcome::Help); }
@@ -93,9 +107,9 @@ TEST_F(SimOptionsTest, NoStationsEmptiesTheList) {
 
 TEST_F(SimOptionsTest, TextWithATabIsRefused) {
   EXPECT_EQ(Parse({"--station", "a\tb", "/tmp/svc"}), Outcome::Error);
-  EXPECT_EQ(error, "a station cannot hold a tab: a\tb");
+  EXPECT_EQ(error, "--station: cannot hold a tab: \"a\tb\"");
   EXPECT_EQ(Parse({"--mac", "a\tb", "/tmp/svc"}), Outcome::Error);
-  EXPECT_EQ(error, "the MAC address cannot hold a tab");
+  EXPECT_EQ(error, "--mac: cannot hold a tab");
 }
 
 TEST_F(SimOptionsTest, EventOptionsAreTaken) {
@@ -107,12 +121,13 @@ TEST_F(SimOptionsTest, EventOptionsAreTaken) {
 
 TEST_F(SimOptionsTest, NumbersMustBeDecimalAndInRange) {
   EXPECT_EQ(Parse({"--delay", "-1", "/tmp/svc"}), Outcome::Error);
-  EXPECT_EQ(error, "bad --delay: -1");
+  EXPECT_EQ(error, "--delay: not a whole number of milliseconds from 0 to 4294967295: \"-1\"");
   EXPECT_EQ(Parse({"--delay", "12ms", "/tmp/svc"}), Outcome::Error);
   EXPECT_EQ(Parse({"--event-interval", "4294967296", "/tmp/svc"}), Outcome::Error);
   EXPECT_EQ(Parse({"--event-id", "2147483648", "/tmp/svc"}), Outcome::Error);
+  EXPECT_EQ(error, "--event-id: not a whole number from -2147483648 to 2147483647: \"2147483648\"");
   EXPECT_EQ(Parse({"--refuse-register", "", "/tmp/svc"}), Outcome::Error);
-  EXPECT_EQ(error, "bad --refuse-register: ");
+  EXPECT_EQ(error, "--refuse-register: not a whole number from 0 to 4294967295: \"\"");
 }
 
 TEST_F(SimOptionsTest, ExtremeNumbersAreTaken) {
@@ -133,19 +148,19 @@ TEST_F(SimOptionsTest, MisbehaviourFlagsAreSet) {
 
 TEST_F(SimOptionsTest, FlagWithAValueIsAnError) {
   EXPECT_EQ(Parse({"--drop=1", "/tmp/svc"}), Outcome::Error);
-  EXPECT_EQ(error, "--drop takes no value");
+  EXPECT_EQ(error, "--drop: takes no value");
 }
 
 TEST_F(SimOptionsTest, FaultsOnTakesACommaSeparatedList) {
   ASSERT_EQ(Parse({"--faults-on", "4,5,1", "/tmp/svc"}), Outcome::Run);
   EXPECT_EQ(options.faultyCommands, (std::set<uint32_t>{1, 4, 5}));
   EXPECT_EQ(Parse({"--faults-on", "1,,2", "/tmp/svc"}), Outcome::Error);
-  EXPECT_EQ(error, "bad --faults-on: 1,,2");
+  EXPECT_EQ(error, "--faults-on: not a comma-separated list of command numbers: \"1,,2\"");
 }
 
 TEST_F(SimOptionsTest, LogNeedsAFileName) {
   EXPECT_EQ(Parse({"--log=", "/tmp/svc"}), Outcome::Error);
-  EXPECT_EQ(error, "--log needs a file name");
+  EXPECT_EQ(error, "--log: needs a file name");
 }
 
 TEST_F(SimOptionsTest, UsageNamesTheProgramAndEveryOption) {
@@ -157,6 +172,7 @@ TEST_F(SimOptionsTest, UsageNamesTheProgramAndEveryOption) {
     EXPECT_THAT(usage, HasSubstr(std::string("  ") + option + " ")) << option;
   }
   EXPECT_THAT(usage, HasSubstr("  -h, --help "));
+  EXPECT_THAT(usage, HasSubstr("  -V, --version "));
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "gtest/gtest.h"
+#include "kdx_test_paths.h"
 #include "tests/support/log_record.h"
 #include "tests/support/pty_process.h"
 #include "tests/support/sim_process.h"
@@ -21,15 +22,14 @@ namespace zel::sim {
 namespace {
 
 using ::zel::sim::test::TestPeer;
+using ::zel::test::PathExists;
 using ::zel::test::Printable;
 using ::zel::test::PtyProcess;
 using ::zel::test::SimProcess;
 using ::zel::test::SyslogCaptureEnv;
 using ::zel::test::TempDir;
 
-const char kSim[] = KDX_SIM_PATH;
-
-bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
+const char* const kSim = KDX_SIM_PATH;
 
 // Text as it arrives through the terminal: "\n" becomes "\r\n".
 std::string OnTerminal(const std::string& text) {
@@ -55,12 +55,12 @@ class SimProgramTest : public ::testing::Test {
   void ExpectCleanStopOn(int signo) {
     SimProcess sim(kSim, dir.File("svc"), dir.File("log"), dir.File("syslog"));
     ASSERT_TRUE(sim.WaitUntilServing());
-    ASSERT_TRUE(Exists(dir.File("svc")));
+    ASSERT_TRUE(PathExists(dir.File("svc")));
     sim.Process().Signal(signo);
     const std::optional<int> status = sim.Process().WaitForExit();
     ASSERT_TRUE(status.has_value());
     EXPECT_EQ(PtyProcess::ExitCode(*status), 0);
-    EXPECT_FALSE(Exists(dir.File("svc")));
+    EXPECT_FALSE(PathExists(dir.File("svc")));
     EXPECT_EQ(sim.LogLines(), (std::vector<std::string>{"serving on [" + dir.File("svc") + "]",
                                                         "stopping on signal " + std::to_string(signo)}));
     EXPECT_EQ(sim.Process().Output(), "");
@@ -75,11 +75,22 @@ TEST_F(SimProgramTest, HelpPrintsTheUsageAndExitsWithZero) {
   EXPECT_EQ(Printable(output), Printable(OnTerminal(SimOptions::Usage(kSim))));
 }
 
-TEST_F(SimProgramTest, CommandLineErrorIsShownWithTheUsage) {
+TEST_F(SimProgramTest, VersionPrintsTheProgramAndItsVersionAndExitsWithZero) {
+  EXPECT_EQ(RunToEnd({"--version"}), 0);
+  EXPECT_EQ(output, std::string("kendrivex-sim ") + KDX_VERSION + "\r\n");
+}
+
+TEST_F(SimProgramTest, CommandLineErrorIsOneLineThatPointsToHelp) {
   EXPECT_EQ(RunToEnd({"--delay", "soon", dir.File("svc")}), 2);
   EXPECT_EQ(Printable(output),
-            Printable(OnTerminal(std::string(kSim) + ": bad --delay: soon\n" + SimOptions::Usage(kSim))));
-  EXPECT_FALSE(Exists(dir.File("svc")));
+            Printable(std::string(kSim) + ": --delay: not a whole number of milliseconds from 0 to 4294967295: "
+                                          "\"soon\" (try --help)\r\n"));
+  EXPECT_FALSE(PathExists(dir.File("svc")));
+}
+
+TEST_F(SimProgramTest, UnknownOptionIsOneLineThatPointsToHelp) {
+  EXPECT_EQ(RunToEnd({"--bogus", dir.File("svc")}), 2);
+  EXPECT_EQ(output, std::string(kSim) + ": --bogus: unknown option (try --help)\r\n");
 }
 
 TEST_F(SimProgramTest, PathTooLongForASocketAddressIsRefused) {
@@ -88,14 +99,14 @@ TEST_F(SimProgramTest, PathTooLongForASocketAddressIsRefused) {
   EXPECT_EQ(RunToEnd({path}), 2);
   EXPECT_EQ(output, std::string(kSim) + ": the socket path [" + path +
                         "] is 108 bytes long, but a Unix socket address holds at most 107\r\n");
-  EXPECT_FALSE(Exists(path));
+  EXPECT_FALSE(PathExists(path));
 }
 
 TEST_F(SimProgramTest, PathAnotherServiceAnswersOnIsRefused) {
   TestPeer other(dir.File("svc"), "");
   EXPECT_EQ(RunToEnd({dir.File("svc")}), 2);
   EXPECT_EQ(output, std::string(kSim) + ": another service already answers at [" + dir.File("svc") + "]\r\n");
-  EXPECT_TRUE(Exists(dir.File("svc")));
+  EXPECT_TRUE(PathExists(dir.File("svc")));
 }
 
 TEST_F(SimProgramTest, SigtermStopsItCleanlyAndRemovesTheSocket) { ExpectCleanStopOn(SIGTERM); }
@@ -115,7 +126,7 @@ TEST_F(SimProgramTest, SigintIgnoredAtStartStaysIgnored) {
   ASSERT_TRUE(status.has_value());
   EXPECT_EQ(PtyProcess::ExitCode(*status), 0);
   EXPECT_EQ(SimProcess::ReadLines(dir.File("log")).back(), "stopping on signal 15");
-  EXPECT_FALSE(Exists(dir.File("svc")));
+  EXPECT_FALSE(PathExists(dir.File("svc")));
 }
 
 TEST_F(SimProgramTest, RequestLinesGoToStandardOutputWithoutALogFile) {

@@ -21,10 +21,9 @@ namespace zel::sim {
 namespace {
 
 using ::zel::sim::test::TestPeer;
+using ::zel::test::PathExists;
 using ::zel::test::SimProcess;
 using ::zel::test::TempDir;
-
-bool Exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0; }
 
 class SimServiceTest : public ::testing::Test {
  protected:
@@ -194,7 +193,7 @@ TEST_F(SimServiceTest, SocketFileExistsWhileServingAndGoesWithTheService) {
   ASSERT_EQ(::stat(options.socketPath.c_str(), &info), 0);
   EXPECT_TRUE(S_ISSOCK(info.st_mode));
   service.reset();
-  EXPECT_FALSE(Exists(options.socketPath));
+  EXPECT_FALSE(PathExists(options.socketPath));
 }
 
 TEST_F(SimServiceTest, PathThatCannotBeBoundIsNotReady) {
