@@ -32,7 +32,7 @@ shipped=(
   "kendrivex-ctl bin/kendrivex-ctl"
   "kendrivex-sim bin/kendrivex-sim"
   "kendrivex_ipc ipc/libkendrivex_ipc.so"
-  "kendrivex-bridge tools/bridge/kendrivex-bridge"
+  "kendrivex-bridge bin/kendrivex-bridge"
 )
 
 targets=()

@@ -10,12 +10,6 @@
 namespace zel::bridge::test {
 namespace {
 
-// The fields after the command number of a request line.
-std::string Argument(const std::string& request) {
-  const size_t tab = request.find('\t');
-  return tab == std::string::npos ? std::string() : request.substr(tab + 1);
-}
-
 // Whether `payload` is the JSON line of kendrivex-ctl watch --json for an
 // event numbered `id` with `args`: {"time":"<UTC>","id":N,"args":[...]}.
 ::testing::AssertionResult IsEventPayload(const std::string& payload, int id, const std::vector<std::string>& args) {
@@ -36,13 +30,6 @@ std::string Argument(const std::string& request) {
 class BridgeEventTest : public BridgeTest {
  protected:
   void SetUp() override { StartBroker(); }
-
-  // The event path the bridge registered with the fake service.
-  std::string EventPath() {
-    EXPECT_TRUE(fake->WaitForRequestsFor(4, 1));
-    const std::vector<FakeService::Request> registrations = fake->RequestsFor(4);
-    return registrations.empty() ? std::string() : Argument(registrations.back().text);
-  }
 };
 
 TEST_F(BridgeEventTest, EachEventGoesOutOnItsNumberAsTheWatchsJsonLine) {

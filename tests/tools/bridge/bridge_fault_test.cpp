@@ -19,19 +19,8 @@ namespace {
 using Answer = FakeService::Answer;
 using std::chrono::seconds;
 
-std::string Argument(const std::string& request) {
-  const size_t tab = request.find('\t');
-  return tab == std::string::npos ? std::string() : request.substr(tab + 1);
-}
-
 class BridgeFaultTest : public BridgeTest {
  protected:
-  std::string EventPath(size_t registration = 1) {
-    EXPECT_TRUE(fake->WaitForRequestsFor(4, registration));
-    const std::vector<FakeService::Request> registrations = fake->RequestsFor(4);
-    return registrations.size() < registration ? std::string() : Argument(registrations[registration - 1].text);
-  }
-
   std::string CannotReach(unsigned wait) const {
     return "void zel::bridge::MqttLink::Lose(const std::string&) 2: cannot reach the broker at " + broker.Url() +
            ": Connection refused; trying again in " + std::to_string(wait) + " s\n";

@@ -131,6 +131,17 @@ std::optional<std::string> BridgeTest::Ask(const std::string& payload, const std
   return replies[0].payload;
 }
 
+std::string BridgeTest::EventPath(size_t registration) {
+  EXPECT_TRUE(fake->WaitForRequestsFor(4, registration));
+  const std::vector<FakeService::Request> registrations = fake->RequestsFor(4);
+  return registrations.size() < registration ? std::string() : Argument(registrations[registration - 1].text);
+}
+
+std::string BridgeTest::Argument(const std::string& request) {
+  const size_t tab = request.find('\t');
+  return tab == std::string::npos ? std::string() : request.substr(tab + 1);
+}
+
 std::vector<std::string> BridgeTest::LeftOver() const {
   std::vector<std::string> names;
   DIR* stream = ::opendir(dir.path().c_str());

@@ -85,6 +85,12 @@ class BridgeTest : public ::testing::Test {
   std::optional<std::string> Ask(const std::string& payload, const std::string& topic = Topic("cmd"),
                                  std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+  // The event path the bridge registered with the fake service in its
+  // `registration`th registration (waited for).
+  std::string EventPath(size_t registration = 1);
+  // The fields after the command number of a request line.
+  static std::string Argument(const std::string& request);
+
   // The bridge's socket files in the test's directory, which must be gone
   // after a clean stop.
   std::vector<std::string> LeftOver() const;
