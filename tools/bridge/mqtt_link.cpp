@@ -249,9 +249,19 @@ bool MqttLink::Publish(const std::string& topic, const std::string& payload, boo
 
 bool MqttLink::Send(const std::string& topic, const std::string& payload, bool retain,
                     const std::optional<std::string>& correlation, int& mid) {
-  std::string why;
-  if (mSession->Publish(topic, payload, retain, correlation, mid, why)) return true;
-  syslog(LOG_ERR, "%s %d: cannot publish on [%s]: %s\n", kSendText, 1, topic.c_str(), why.c_str());
+  const int rc = mSession->Publish(topic, payload, retain, correlation, mid);
+  if (rc == MOSQ_ERR_SUCCESS) return true;
+  if (rc == MOSQ_ERR_OVERSIZE_PACKET) {
+    ++mOversized;
+    syslog(LOG_ERR,
+           "%s %d: dropped the message for [%s]: its payload of %zu bytes makes a packet larger than the broker takes "
+           "(at most %u bytes); %llu dropped for their size so far\n",
+           kSendText, 2, topic.c_str(), payload.size(), mSession->MaximumPacketSize(),
+           static_cast<unsigned long long>(mOversized));
+    return false;
+  }
+  syslog(LOG_ERR, "%s %d: cannot publish on [%s]: %s\n", kSendText, 1, topic.c_str(),
+         MqttSession::ErrorText(rc).c_str());
   return false;
 }
 

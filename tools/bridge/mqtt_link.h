@@ -91,6 +91,10 @@ class MqttLink : private MqttSession::Listener {
   // the broker acknowledges it.
   bool Publish(const std::string& topic, const std::string& payload, bool retain,
                const std::optional<std::string>& correlation, int& mid);
+  // Hands a message to the session; false (and logged) when it cannot go.
+  // One larger than the broker takes is dropped and counted: a broker closes
+  // a connection that sends it one, so it would otherwise be sent again after
+  // every reconnection.
   bool Send(const std::string& topic, const std::string& payload, bool retain,
             const std::optional<std::string>& correlation, int& mid);
 
@@ -118,7 +122,8 @@ class MqttLink : private MqttSession::Listener {
   int mOfflineMid = -1;
   bool mOfflineStarted = false;
   bool mRefusalLogged = false;
-  std::string mLostWhy;  // set by a callback that ends the connection
+  uint64_t mOversized = 0;  // messages dropped for their size since the start
+  std::string mLostWhy;     // set by a callback that ends the connection
   // Events handed to the session and not yet acknowledged, oldest first, by
   // message id.
   std::list<OutgoingEvent> mInFlight;

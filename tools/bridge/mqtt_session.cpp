@@ -152,24 +152,23 @@ bool MqttSession::SubscribeCommands(int& mid) {
          MOSQ_ERR_SUCCESS;
 }
 
-bool MqttSession::Publish(const std::string& topic, const std::string& payload, bool retain,
-                          const std::optional<std::string>& correlation, int& mid, std::string& why) {
+int MqttSession::Publish(const std::string& topic, const std::string& payload, bool retain,
+                         const std::optional<std::string>& correlation, int& mid) {
   Properties properties;
   if (correlation) {
     mosquitto_property_add_binary(&properties.list, MQTT_PROP_CORRELATION_DATA, correlation->data(),
                                   static_cast<uint16_t>(correlation->size()));
   }
-  const int rc = mosquitto_publish_v5(mClient, &mid, topic.c_str(), static_cast<int>(payload.size()), payload.data(),
-                                      kQos, retain, properties.list);
-  if (rc == MOSQ_ERR_SUCCESS) return true;
-  why = ErrorText(rc);
-  return false;
+  return mosquitto_publish_v5(mClient, &mid, topic.c_str(), static_cast<int>(payload.size()), payload.data(), kQos,
+                              retain, properties.list);
 }
 
 void MqttSession::Disconnect() { mosquitto_disconnect_v5(mClient, MQTT_RC_NORMAL_DISCONNECTION, nullptr); }
 
-void MqttSession::OnConnect(mosquitto*, void* self, int reason, int, const mosquitto_property*) {
-  static_cast<MqttSession*>(self)->mListener.OnConnected(reason);
+void MqttSession::OnConnect(mosquitto*, void* self, int reason, int, const mosquitto_property* properties) {
+  auto* session = static_cast<MqttSession*>(self);
+  mosquitto_property_read_int32(properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, &session->mMaximumPacketSize, false);
+  session->mListener.OnConnected(reason);
 }
 
 void MqttSession::OnDisconnect(mosquitto*, void* self, int reason, const mosquitto_property*) {

@@ -9,6 +9,7 @@
 
 #include <mosquitto.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -64,9 +65,14 @@ class MqttSession {
   // at QoS 1, without the retained messages there; false when it cannot be
   // sent.
   bool SubscribeCommands(int& mid);
-  // Publishes at QoS 1; false with the reason when it cannot be sent.
-  bool Publish(const std::string& topic, const std::string& payload, bool retain,
-               const std::optional<std::string>& correlation, int& mid, std::string& why);
+  // Publishes at QoS 1; libmosquitto's error number (MOSQ_ERR_SUCCESS once
+  // it is on its way, MOSQ_ERR_OVERSIZE_PACKET for a message larger than the
+  // broker takes).
+  int Publish(const std::string& topic, const std::string& payload, bool retain,
+              const std::optional<std::string>& correlation, int& mid);
+  // The largest packet the broker takes, as its answer to the connection
+  // said; 0 when it set no limit.
+  uint32_t MaximumPacketSize() const { return mMaximumPacketSize; }
   // Sends DISCONNECT (the will is then not published).
   void Disconnect();
 
@@ -93,6 +99,7 @@ class MqttSession {
   mosquitto* mClient = nullptr;
   // The broker's reason for closing the connection, when it gave one.
   int mDisconnectReason = 0;
+  uint32_t mMaximumPacketSize = 0;
   bool mDisconnected = false;
   // libmosquitto's last error message (a TLS failure's details).
   std::string mLastError;
