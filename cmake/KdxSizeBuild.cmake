@@ -41,17 +41,29 @@ function(kdx_size_build_options)
   endforeach()
 endfunction()
 
-# kdx_size_shipped(LIBRARIES <targets...> BINARIES <targets...>)
+# kdx_size_shipped(LIBRARIES <targets...> BINARIES <targets...>
+#                  [WITHOUT_EXCEPTIONS <targets...>])
 # The static libraries that go into shipped binaries are compiled into fat
 # LTO objects; the shipped binaries (and the programs that measure them) are
 # compiled and linked with LTO. Nothing happens unless KDX_SIZE_BUILD is on.
+#
+# WITHOUT_EXCEPTIONS names code that catches no exception: the tools built on
+# the client core. An exception that nothing catches ends a program through
+# std::terminate before any frame is unwound, so their landing pads and
+# unwind tables never run; compiled without them they end the same way on an
+# exception from the C++ library (memory exhausted, a thread that cannot
+# start), and are about a fifth smaller. The libraries of the interactive
+# client keep theirs (see above).
 function(kdx_size_shipped)
-  cmake_parse_arguments(ARG "" "" "LIBRARIES;BINARIES" ${ARGN})
+  cmake_parse_arguments(ARG "" "" "LIBRARIES;BINARIES;WITHOUT_EXCEPTIONS" ${ARGN})
   if(NOT KDX_SIZE_BUILD)
     return()
   endif()
   foreach(target ${ARG_LIBRARIES} ${ARG_BINARIES})
     target_compile_options(${target} PRIVATE ${kdxLtoCompileOptions})
+  endforeach()
+  foreach(target ${ARG_WITHOUT_EXCEPTIONS})
+    target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions>)
   endforeach()
   foreach(target ${ARG_BINARIES})
     target_link_options(${target} PRIVATE ${kdxLtoLinkOptions})

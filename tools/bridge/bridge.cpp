@@ -5,10 +5,11 @@
 #include <chrono>
 #include <string>
 
+#include "ipc/wait_deadline.h"
+
 namespace zel::bridge {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr char kRunText[] = "bool zel::bridge::Bridge::Run(const sigset_t&)";
@@ -17,9 +18,9 @@ constexpr char kStopText[] = "bool zel::bridge::Bridge::Stop()";
 // How long the broker may take to acknowledge "offline".
 constexpr milliseconds kOfflineTime(1000);
 // How long after the stop signal a command still waiting for the service may
-// keep the stop waiting: a service that answers at all answers well within
-// it, and the stop still ends within 2 s.
-constexpr milliseconds kCommandTime(500);
+// keep the stop waiting, in microseconds: a service that answers at all
+// answers well within it, and the stop still ends within 2 s.
+constexpr uint64_t kCommandTimeUs = 500000;
 
 }  // namespace
 
@@ -49,13 +50,12 @@ bool Bridge::Run(const sigset_t& signals) {
 }
 
 bool Bridge::Stop() {
-  const Clock::time_point start = Clock::now();
+  const zel::ipc::WaitDeadline commandDeadline(kCommandTimeUs);
   mLink.GoOffline(kOfflineTime);
   // No more commands are taken; the watch unregisters.
   mCommands.Close();
   mWatch.Stop();
-  const auto spent = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
-  const bool finished = mWorker.Stop(spent < kCommandTime ? kCommandTime - spent : milliseconds(0));
+  const bool finished = mWorker.Stop(milliseconds(commandDeadline.LeftMs()));
   if (!finished) {
     syslog(LOG_WARNING, "%s %d: a command still waits for the service; its socket files are removed\n", kStopText, 1);
     mFiles.RemoveAll();

@@ -1,5 +1,7 @@
 #include "tools/bridge/broker_address.h"
 
+#include <cstring>
+
 #include "util/decimal_text.h"
 
 namespace zel::bridge {
@@ -9,7 +11,7 @@ const char kPlainScheme[] = "mqtt://";
 const char kTlsScheme[] = "mqtts://";
 constexpr uint64_t kMaxPort = 65535;
 
-bool StartsWith(const std::string& text, const std::string& start) { return text.compare(0, start.size(), start) == 0; }
+bool StartsWith(const std::string& text, const char* start) { return text.compare(0, std::strlen(start), start) == 0; }
 
 // Decimal digits only, 1 to 65535.
 bool ParsePort(const std::string& text, int& port) {
@@ -55,7 +57,8 @@ bool BrokerAddress::Parse(const std::string& url, BrokerAddress& address) {
 
 std::string BrokerAddress::Url() const {
   const bool ipv6 = host.find(':') != std::string::npos;
-  return std::string(tls ? kTlsScheme : kPlainScheme) + (ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+  return std::string(tls ? kTlsScheme : kPlainScheme) + (ipv6 ? "[" + host + "]" : host) + ":" +
+         zel::util::DecimalText(static_cast<uint32_t>(port));
 }
 
 }  // namespace zel::bridge

@@ -15,80 +15,50 @@ namespace core = zel::service_client;
 constexpr char kRouteText[] =
     "bool zel::bridge::CommandIntake::Route(const zel::bridge::IncomingMessage&, zel::bridge::ReplyRoute&) const";
 
-// The length of the UTF-8 sequence that `lead` starts, 0 for a byte that
-// cannot start one.
-size_t SequenceLength(unsigned char lead) {
-  if (lead < 0x80) return 1;
-  if (lead >= 0xC2 && lead <= 0xDF) return 2;
-  if (lead >= 0xE0 && lead <= 0xEF) return 3;
-  if (lead >= 0xF0 && lead <= 0xF4) return 4;
-  return 0;
-}
-
-// The allowed range of the second byte after `lead`: what rules out overlong
-// forms, surrogates and code points beyond U+10FFFF.
-bool SecondByteFits(unsigned char lead, unsigned char second) {
-  if (lead == 0xE0) return second >= 0xA0 && second <= 0xBF;
-  if (lead == 0xED) return second >= 0x80 && second <= 0x9F;
-  if (lead == 0xF0) return second >= 0x90 && second <= 0xBF;
-  if (lead == 0xF4) return second >= 0x80 && second <= 0x8F;
-  return second >= 0x80 && second <= 0xBF;
-}
-
 bool IsControl(unsigned char byte) { return (byte < 0x20 && byte != '\t') || byte == 0x7F; }
 
 }  // namespace
 
-bool CommandIntake::ValidUtf8(const std::string& bytes) {
-  size_t i = 0;
-  while (i < bytes.size()) {
-    const auto lead = static_cast<unsigned char>(bytes[i]);
-    const size_t length = SequenceLength(lead);
-    if (length == 0 || i + length > bytes.size()) return false;
-    for (size_t k = 1; k < length; ++k) {
-      const auto next = static_cast<unsigned char>(bytes[i + k]);
-      const bool fits = k == 1 ? SecondByteFits(lead, next) : next >= 0x80 && next <= 0xBF;
-      if (!fits) return false;
-    }
-    i += length;
-  }
-  return true;
-}
+bool CommandIntake::ValidUtf8(const std::string& bytes) { return core::ValidUtf8(bytes); }
 
 void CommandIntake::Take(const IncomingMessage& message) {
   ReplyRoute route;
   if (!Route(message, route)) return;
-  std::string line;
-  std::string why;
-  if (!Line(message.payload, line, why)) {
-    Refuse(route, std::nullopt, core::kStatusUsage, why);
-    return;
+  PendingCommand pending;
+  std::optional<std::string> word;
+  int status = core::kStatusUsage;
+  std::string error;
+  if (Read(message.payload, pending.request, word, status, error)) {
+    pending.route = route;
+    if (mQueue.Push(std::move(pending))) return;
+    status = core::kStatusUnreachable;
+    error = "busy";
   }
+  mReplies.Push(Publication{route, ReplyPayload::Error(mSettings.id, word, status, error)});
+}
+
+bool CommandIntake::Read(const std::string& payload, core::Request& request, std::optional<std::string>& word,
+                         int& status, std::string& error) const {
+  std::string line;
+  if (!Line(payload, line, error)) return false;
   std::vector<std::string> words;
   core::Failure failure;
-  if (!core::SplitLine(line, words, failure)) {
-    Refuse(route, std::nullopt, failure.status, failure.what + ": " + failure.why);
-    return;
+  if (core::SplitLine(line, words, failure)) {
+    if (words.empty()) {
+      error = "no command in the message";
+      return false;
+    }
+    const core::Command* command = core::FindCommand(words[0]);
+    word = command != nullptr ? command->name : words[0];
+    if (command != nullptr && !mSettings.Allows(command->name)) {
+      error = *word + ": not allowed from the broker";
+      return false;
+    }
+    if (core::ParseRequest(words, request, failure)) return true;
   }
-  if (words.empty()) {
-    Refuse(route, std::nullopt, core::kStatusUsage, "no command in the message");
-    return;
-  }
-  const core::Command* command = core::FindCommand(words[0]);
-  PendingCommand pending;
-  if (command != nullptr && !mSettings.Allows(command->name)) {
-    Refuse(route, std::string(command->name), core::kStatusUsage,
-           std::string(command->name) + ": not allowed from the broker");
-    return;
-  }
-  if (!core::ParseRequest(words, pending.request, failure)) {
-    const std::string word = command != nullptr ? std::string(command->name) : words[0];
-    Refuse(route, word, failure.status, failure.what + ": " + failure.why);
-    return;
-  }
-  pending.route = route;
-  const std::string name = pending.request.command->name;
-  if (!mQueue.Push(std::move(pending))) Refuse(route, name, core::kStatusUnreachable, "busy");
+  status = failure.status;
+  error = failure.what + ": " + failure.why;
+  return false;
 }
 
 bool CommandIntake::Route(const IncomingMessage& message, ReplyRoute& route) const {
@@ -125,11 +95,6 @@ bool CommandIntake::Line(const std::string& payload, std::string& line, std::str
     return false;
   }
   return true;
-}
-
-void CommandIntake::Refuse(const ReplyRoute& route, const std::optional<std::string>& command, int status,
-                           const std::string& why) {
-  mReplies.Push(Publication{route, ReplyPayload::Error(mSettings.id, command, status, why)});
 }
 
 }  // namespace zel::bridge

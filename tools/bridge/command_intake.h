@@ -36,10 +36,13 @@ class CommandIntake {
   // Where the reply to `message` goes; false when the topic it names is not
   // one a reply can be published on.
   bool Route(const IncomingMessage& message, ReplyRoute& route) const;
+  // The command of `payload`, checked; false with the status and the error
+  // its reply gives, and its command word once it has one.
+  bool Read(const std::string& payload, zel::service_client::Request& request, std::optional<std::string>& word,
+            int& status, std::string& error) const;
   // The command's line: the payload without one line end at its end; false
   // with the error when it is no line of text.
   static bool Line(const std::string& payload, std::string& line, std::string& why);
-  void Refuse(const ReplyRoute& route, const std::optional<std::string>& command, int status, const std::string& why);
 
   const Settings& mSettings;
   const Topics& mTopics;

@@ -6,7 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
-#include <deque>
+#include <list>
 #include <mutex>
 
 #include "tools/bridge/publication.h"
@@ -37,7 +37,7 @@ class CommandQueue {
  private:
   mutable std::mutex mMutex;  // guards mCommands and mClosed
   std::condition_variable mChanged;
-  std::deque<PendingCommand> mCommands;
+  std::list<PendingCommand> mCommands;  // a list, as every queue of the bridge (see ReplyOutbox)
   bool mClosed = false;
 };
 

@@ -7,14 +7,6 @@ namespace {
 
 namespace core = zel::service_client;
 
-core::Settings RunnerSettings(const Settings& settings) {
-  core::Settings runner;
-  runner.servicePath = settings.servicePath;
-  runner.dir = settings.dir;
-  runner.timeoutMs = Settings::kReplyTimeoutMs;
-  return runner;
-}
-
 std::chrono::milliseconds HealthInterval(const Settings& settings) {
   // No pings: a wait long enough never to end before a command or the stop.
   if (settings.healthSeconds == 0) return std::chrono::hours(24);
@@ -29,7 +21,7 @@ CommandWorker::CommandWorker(const Settings& settings, CommandQueue& queue, Repl
       mQueue(queue),
       mReplies(replies),
       mService(service),
-      mRunner(std::make_unique<core::Runner>(RunnerSettings(settings), observer)) {}
+      mRunner(std::make_unique<core::Runner>(settings.Core(), observer)) {}
 
 CommandWorker::~CommandWorker() {
   if (mThread.joinable()) mThread.join();

@@ -28,11 +28,10 @@ bool EventOutbox::Pop(OutgoingEvent& event) {
   return true;
 }
 
-void EventOutbox::SetOnline(bool online, std::vector<OutgoingEvent> unacknowledged) {
+void EventOutbox::SetOnline(bool online, std::list<OutgoingEvent> unacknowledged) {
   std::lock_guard<std::mutex> lock(mMutex);
   mOnline = online;
-  mEvents.insert(mEvents.begin(), std::make_move_iterator(unacknowledged.begin()),
-                 std::make_move_iterator(unacknowledged.end()));
+  mEvents.splice(mEvents.begin(), unacknowledged);
   Trim();
 }
 
@@ -57,7 +56,7 @@ void EventOutbox::Trim() {
   if (mDropped == 0) {
     syslog(LOG_WARNING, "%s %d: more than %zu events wait for the broker; dropping the oldest\n", kTrimText, 1, bound);
   }
-  mEvents.erase(mEvents.begin(), mEvents.begin() + static_cast<std::ptrdiff_t>(excess));
+  for (size_t i = 0; i < excess; ++i) mEvents.pop_front();
   mDropped += excess;
 }
 

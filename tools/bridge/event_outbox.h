@@ -8,10 +8,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "tools/bridge/wakeup.h"
 
@@ -20,6 +19,8 @@ namespace zel::bridge {
 struct OutgoingEvent {
   std::string topic;
   std::string payload;
+  // The link's: the message id of its last publication.
+  int mid = 0;
 };
 
 class EventOutbox {
@@ -36,7 +37,7 @@ class EventOutbox {
   bool Pop(OutgoingEvent& event);
   // The broker is there (events pass) or away (at most `capacity` wait);
   // `unacknowledged` (oldest first) go back before those waiting.
-  void SetOnline(bool online, std::vector<OutgoingEvent> unacknowledged = {});
+  void SetOnline(bool online, std::list<OutgoingEvent> unacknowledged = {});
   // How many were dropped since the last call.
   uint64_t TakeDropped();
   size_t Waiting() const;
@@ -48,7 +49,9 @@ class EventOutbox {
   const size_t mCapacity;
   Wakeup& mWakeup;
   mutable std::mutex mMutex;  // guards everything below
-  std::deque<OutgoingEvent> mEvents;
+  // A list, as every queue of the bridge (see ReplyOutbox): the events that
+  // the broker had not acknowledged go back to its front in one splice.
+  std::list<OutgoingEvent> mEvents;
   bool mOnline = false;
   uint64_t mDropped = 0;
 };

@@ -12,9 +12,8 @@
 #include <cstdio>
 #include <string>
 
+#include "tools/bridge/arguments.h"
 #include "tools/bridge/bridge.h"
-#include "tools/bridge/command_line.h"
-#include "tools/bridge/help_text.h"
 #include "tools/service_client/runner.h"
 #include "util/stop_signals.h"
 
@@ -78,13 +77,13 @@ int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): cannot fail for SIGPIPE
   zel::bridge::Invocation invocation;
   core::Failure failure;
-  if (!zel::bridge::CommandLine(argc, argv).Parse(invocation, failure)) return Report(failure);
+  if (!zel::bridge::ParseArguments(argc, argv, invocation, failure)) return Report(failure);
   if (invocation.mode == zel::bridge::Invocation::Mode::Help) {
-    Write(STDOUT_FILENO, zel::bridge::HelpText::Help());
+    Write(STDOUT_FILENO, zel::bridge::HelpText());
     return core::kStatusOk;
   }
   if (invocation.mode == zel::bridge::Invocation::Mode::Version) {
-    Write(STDOUT_FILENO, zel::bridge::HelpText::Version());
+    Write(STDOUT_FILENO, zel::bridge::VersionText());
     return core::kStatusOk;
   }
   openlog(kProgram, invocation.settings.verbose ? LOG_PERROR : 0, LOG_DAEMON);

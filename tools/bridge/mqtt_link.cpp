@@ -15,12 +15,12 @@
 namespace zel::bridge {
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr char kConnectText[] = "void zel::bridge::MqttLink::Connect()";
 constexpr char kLoseText[] = "void zel::bridge::MqttLink::Lose(const std::string&)";
 constexpr char kOnConnectedText[] = "void zel::bridge::MqttLink::OnConnected(int)";
+// Its number and text are those of its first form, which took a vector.
 constexpr char kOnSubscribedText[] = "void zel::bridge::MqttLink::OnSubscribed(int, const std::vector<int>&)";
 constexpr char kSendText[] =
     "bool zel::bridge::MqttLink::Send(const std::string&, const std::string&, bool, const "
@@ -32,31 +32,27 @@ constexpr char kStartOfflineText[] = "void zel::bridge::MqttLink::StartOffline()
 
 const char kOnline[] = "online";
 const char kOffline[] = "offline";
-// The longest wait without a look at the connection: libmosquitto keeps it
-// alive from Step.
-constexpr milliseconds kTick(1000);
+// The longest wait without a look at the connection, in milliseconds:
+// libmosquitto keeps it alive from Step.
+constexpr int kTickMs = 1000;
 // How long the DISCONNECT may take to leave at the end.
 constexpr milliseconds kDisconnectTime(1000);
+constexpr uint64_t kMicrosecondsPerSecond = 1000000;
 // The lowest reason code that is a refusal.
 constexpr int kFirstRefusal = 0x80;
-
-int MillisecondsUntil(Clock::time_point then) {
-  const auto left = std::chrono::duration_cast<milliseconds>(then - Clock::now()).count();
-  return left < 0 ? 0 : static_cast<int>(left);
-}
 
 }  // namespace
 
 MqttLink::MqttLink(const Settings& settings, const Topics& topics, EventOutbox& events, ReplyOutbox& replies,
                    ServiceState& service, Wakeup& wakeup, Intake intake)
     : mSettings(settings),
+      mBrokerUrl(settings.broker.Url()),
       mTopics(topics),
       mEvents(events),
       mReplies(replies),
       mService(service),
       mWakeup(wakeup),
-      mIntake(std::move(intake)),
-      mNextAttempt(Clock::now()) {}
+      mIntake(std::move(intake)) {}
 
 MqttLink::~MqttLink() { Stop(); }
 
@@ -82,8 +78,8 @@ void MqttLink::Stop() {
 void MqttLink::Run() {
   while (!mStop) {
     if (mGoOffline && !mOfflineStarted) StartOffline();
-    if (!mSession && !mGoOffline && Clock::now() >= mNextAttempt) Connect();
-    if (Handshaking() && Clock::now() >= mConnectDeadline) Lose("no answer within 10 s");
+    if (!mSession && !mGoOffline && mNextAttempt.LeftUs() == 0) Connect();
+    if (Handshaking() && mConnectDeadline.LeftUs() == 0) Lose("no answer within 10 s");
     PublishServiceChanges();
     if (mState == State::Online) {
       PublishReplies();
@@ -98,7 +94,7 @@ void MqttLink::Run() {
 }
 
 void MqttLink::Connect() {
-  syslog(LOG_INFO, "%s %d: connecting to the broker at %s\n", kConnectText, 1, mSettings.broker.Url().c_str());
+  syslog(LOG_INFO, "%s %d: connecting to the broker at %s\n", kConnectText, 1, mBrokerUrl.c_str());
   MqttSession::Listener& listener = *this;
   mSession = std::make_unique<MqttSession>(mSettings, mTopics, listener);
   std::string why;
@@ -107,17 +103,15 @@ void MqttLink::Connect() {
     return;
   }
   mState = State::Connecting;
-  mConnectDeadline = Clock::now() + kConnectTimeout;
+  mConnectDeadline = zel::ipc::WaitDeadline(kConnectTimeout.count() * kMicrosecondsPerSecond);
 }
 
 void MqttLink::Lose(const std::string& why) {
   const bool wasOnline = mState == State::Online;
-  std::vector<OutgoingEvent> unacknowledged;
-  for (auto& entry : mInFlight) unacknowledged.push_back(std::move(entry.second));
+  mEvents.SetOnline(false, std::move(mInFlight));
   mInFlight.clear();
   mUnacknowledged.clear();
   mRefusalLogged = false;
-  mEvents.SetOnline(false, std::move(unacknowledged));
   mSession.reset();
   mState = State::Idle;
   mLostWhy.clear();
@@ -127,9 +121,9 @@ void MqttLink::Lose(const std::string& why) {
     return;
   }
   const unsigned wait = mBackoff.Next();
-  mNextAttempt = Clock::now() + std::chrono::seconds(wait);
+  mNextAttempt = zel::ipc::WaitDeadline(wait * kMicrosecondsPerSecond);
   syslog(LOG_WARNING, "%s %d: %s the broker at %s: %s; trying again in %u s\n", kLoseText, wasOnline ? 1 : 2,
-         wasOnline ? "lost" : "cannot reach", mSettings.broker.Url().c_str(), why.c_str(), wait);
+         wasOnline ? "lost" : "cannot reach", mBrokerUrl.c_str(), why.c_str(), wait);
 }
 
 void MqttLink::Wait() {
@@ -143,9 +137,9 @@ void MqttLink::Wait() {
     fds[1] = {fd, static_cast<short>(POLLIN | (mSession->WantWrite() ? POLLOUT : 0)), 0};
     count = 2;
   }
-  int timeout = static_cast<int>(kTick.count());
-  if (!mSession && !mGoOffline) timeout = std::min(timeout, MillisecondsUntil(mNextAttempt));
-  if (Handshaking()) timeout = std::min(timeout, MillisecondsUntil(mConnectDeadline));
+  int timeout = kTickMs;
+  if (!mSession && !mGoOffline) timeout = std::min(timeout, mNextAttempt.LeftMs());
+  if (Handshaking()) timeout = std::min(timeout, mConnectDeadline.LeftMs());
   if (::poll(fds, count, timeout) < 0 && errno != EINTR) return;
   if ((fds[0].revents & POLLIN) != 0) mWakeup.Drain();
 }
@@ -189,11 +183,11 @@ void MqttLink::Disconnect() {
     mSession->Disconnect();
     // The DISCONNECT leaves on the next writes; libmosquitto closes the
     // connection once it has.
-    const Clock::time_point deadline = Clock::now() + kDisconnectTime;
+    const zel::ipc::WaitDeadline deadline(std::chrono::microseconds(kDisconnectTime).count());
     std::string why;
-    while (mSession->WantWrite() && Clock::now() < deadline && mSession->Step(why)) {
+    while (mSession->WantWrite() && deadline.LeftUs() != 0 && mSession->Step(why)) {
       pollfd fd = {mSession->Fd(), POLLOUT, 0};
-      ::poll(&fd, 1, MillisecondsUntil(deadline));
+      ::poll(&fd, 1, deadline.LeftMs());
     }
   }
   mSession.reset();
@@ -233,7 +227,9 @@ void MqttLink::PublishEvents() {
   OutgoingEvent event;
   while (mState == State::Online && mInFlight.size() < kEventWindow && mEvents.Pop(event)) {
     int mid = 0;
-    if (Send(event.topic, event.payload, false, std::nullopt, mid)) mInFlight.emplace_back(mid, std::move(event));
+    if (!Send(event.topic, event.payload, false, std::nullopt, mid)) continue;
+    event.mid = mid;
+    mInFlight.push_back(std::move(event));
   }
 }
 
@@ -247,15 +243,25 @@ void MqttLink::ReportDroppedEvents() {
 bool MqttLink::Publish(const std::string& topic, const std::string& payload, bool retain,
                        const std::optional<std::string>& correlation, int& mid) {
   if (!Send(topic, payload, retain, correlation, mid)) return false;
-  mUnacknowledged[mid] = topic;
+  mUnacknowledged.push_back(OutgoingEvent{topic, std::string(), mid});
   return true;
 }
 
 bool MqttLink::Send(const std::string& topic, const std::string& payload, bool retain,
                     const std::optional<std::string>& correlation, int& mid) {
-  std::string why;
-  if (mSession->Publish(topic, payload, retain, correlation, mid, why)) return true;
-  syslog(LOG_ERR, "%s %d: cannot publish on [%s]: %s\n", kSendText, 1, topic.c_str(), why.c_str());
+  const int rc = mSession->Publish(topic, payload, retain, correlation, mid);
+  if (rc == MOSQ_ERR_SUCCESS) return true;
+  if (rc == MOSQ_ERR_OVERSIZE_PACKET) {
+    ++mOversized;
+    syslog(LOG_ERR,
+           "%s %d: dropped the message for [%s]: its payload of %zu bytes makes a packet larger than the broker takes "
+           "(at most %u bytes); %llu dropped for their size so far\n",
+           kSendText, 2, topic.c_str(), payload.size(), mSession->MaximumPacketSize(),
+           static_cast<unsigned long long>(mOversized));
+    return false;
+  }
+  syslog(LOG_ERR, "%s %d: cannot publish on [%s]: %s\n", kSendText, 1, topic.c_str(),
+         MqttSession::ErrorText(rc).c_str());
   return false;
 }
 
@@ -272,20 +278,20 @@ void MqttLink::OnConnected(int reason) {
     return;
   }
   mBackoff.Reset();
-  syslog(LOG_INFO, "%s %d: connected to the broker at %s\n", kOnConnectedText, 1, mSettings.broker.Url().c_str());
-  if (!mSession->Subscribe({mTopics.Command(), mTopics.AllCommand()}, mSubscribeMid)) {
+  syslog(LOG_INFO, "%s %d: connected to the broker at %s\n", kOnConnectedText, 1, mBrokerUrl.c_str());
+  if (!mSession->SubscribeCommands(mSubscribeMid)) {
     mLostWhy = "cannot subscribe";
     return;
   }
   mState = State::Subscribing;
 }
 
-void MqttLink::OnSubscribed(int mid, const std::vector<int>& granted) {
+void MqttLink::OnSubscribed(int mid, int count, const int* granted) {
   if (mid != mSubscribeMid || mState != State::Subscribing) return;
-  const std::string topics[] = {mTopics.Command(), mTopics.AllCommand()};
-  for (size_t i = 0; i < granted.size() && i < 2; ++i) {
+  for (int i = 0; i < count && i < 2; ++i) {
     if (granted[i] < kFirstRefusal) continue;
-    mLostWhy = "the broker refused the subscription to [" + topics[i] + "]: " + mosquitto_reason_string(granted[i]);
+    const std::string& topic = i == 0 ? mTopics.Command() : mTopics.AllCommand();
+    mLostWhy = "the broker refused the subscription to [" + topic + "]: " + mosquitto_reason_string(granted[i]);
     return;
   }
   mState = State::Online;
@@ -300,17 +306,18 @@ void MqttLink::OnSubscribed(int mid, const std::vector<int>& granted) {
 
 void MqttLink::OnPublished(int mid, int reason) {
   if (mid == mOfflineMid && mOfflineStarted) FinishOffline();
-  const auto other = mUnacknowledged.find(mid);
-  if (other != mUnacknowledged.end()) {
-    ReportRefusal(other->second, reason);
-    mUnacknowledged.erase(other);
-    return;
-  }
-  const auto entry = std::find_if(mInFlight.begin(), mInFlight.end(), [mid](const auto& e) { return e.first == mid; });
-  if (entry == mInFlight.end()) return;
   // A refused event is not sent again: the broker would refuse it again.
-  ReportRefusal(entry->second.topic, reason);
-  mInFlight.erase(entry);
+  if (!Acknowledge(mUnacknowledged, mid, reason)) Acknowledge(mInFlight, mid, reason);
+}
+
+bool MqttLink::Acknowledge(std::list<OutgoingEvent>& messages, int mid, int reason) {
+  for (auto entry = messages.begin(); entry != messages.end(); ++entry) {
+    if (entry->mid != mid) continue;
+    ReportRefusal(entry->topic, reason);
+    messages.erase(entry);
+    return true;
+  }
+  return false;
 }
 
 void MqttLink::OnMessage(const IncomingMessage& message) {

@@ -12,15 +12,15 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
-#include <map>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "ipc/wait_deadline.h"
 #include "tools/bridge/backoff.h"
 #include "tools/bridge/event_outbox.h"
 #include "tools/bridge/mqtt_session.h"
@@ -84,19 +84,27 @@ class MqttLink : private MqttSession::Listener {
   // Says (once per connection: a broker's access rules that refuse one
   // publication refuse them all) that the broker refused one.
   void ReportRefusal(const std::string& topic, int reason);
+  // Takes message `mid`, which the broker has acknowledged, off `messages`,
+  // and reports a refusal; false when it is not there.
+  bool Acknowledge(std::list<OutgoingEvent>& messages, int mid, int reason);
   // Publishes a message other than an event, remembering its topic until
   // the broker acknowledges it.
   bool Publish(const std::string& topic, const std::string& payload, bool retain,
                const std::optional<std::string>& correlation, int& mid);
+  // Hands a message to the session; false (and logged) when it cannot go.
+  // One larger than the broker takes is dropped and counted: a broker closes
+  // a connection that sends it one, so it would otherwise be sent again after
+  // every reconnection.
   bool Send(const std::string& topic, const std::string& payload, bool retain,
             const std::optional<std::string>& correlation, int& mid);
 
   void OnConnected(int reason) override;
-  void OnSubscribed(int mid, const std::vector<int>& granted) override;
+  void OnSubscribed(int mid, int count, const int* granted) override;
   void OnPublished(int mid, int reason) override;
   void OnMessage(const IncomingMessage& message) override;
 
   const Settings& mSettings;
+  const std::string mBrokerUrl;  // as the log names the broker
   const Topics& mTopics;
   EventOutbox& mEvents;
   ReplyOutbox& mReplies;
@@ -108,17 +116,20 @@ class MqttLink : private MqttSession::Listener {
   std::unique_ptr<MqttSession> mSession;
   State mState = State::Idle;
   Backoff mBackoff;
-  std::chrono::steady_clock::time_point mNextAttempt;
-  std::chrono::steady_clock::time_point mConnectDeadline;
+  zel::ipc::WaitDeadline mNextAttempt{0};
+  zel::ipc::WaitDeadline mConnectDeadline{0};
   int mSubscribeMid = -1;
   int mOfflineMid = -1;
   bool mOfflineStarted = false;
   bool mRefusalLogged = false;
-  std::string mLostWhy;  // set by a callback that ends the connection
-  // Events handed to the session and not yet acknowledged, oldest first.
-  std::deque<std::pair<int, OutgoingEvent>> mInFlight;
-  // The topics of the other publications not yet acknowledged, by message id.
-  std::map<int, std::string> mUnacknowledged;
+  uint64_t mOversized = 0;  // messages dropped for their size since the start
+  std::string mLostWhy;     // set by a callback that ends the connection
+  // Events handed to the session and not yet acknowledged, oldest first, by
+  // message id.
+  std::list<OutgoingEvent> mInFlight;
+  // The other publications not yet acknowledged, by message id: only their
+  // topics are kept (the payloads are left empty).
+  std::list<OutgoingEvent> mUnacknowledged;
 
   std::atomic<bool> mGoOffline{false};
   std::atomic<bool> mStop{false};

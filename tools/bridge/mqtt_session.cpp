@@ -4,7 +4,8 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
+
+#include "tools/service_client/failure.h"
 
 namespace zel::bridge {
 namespace {
@@ -58,10 +59,7 @@ MqttSession::~MqttSession() {
 }
 
 std::string MqttSession::ErrorText(int code) {
-  if (code == MOSQ_ERR_ERRNO) {
-    char buffer[256];
-    return ::strerror_r(errno, buffer, sizeof buffer);
-  }
+  if (code == MOSQ_ERR_ERRNO) return zel::service_client::ErrorText(errno);
   // Its texts are sentences; in a log line they are followed by more.
   std::string text = mosquitto_strerror(code);
   if (!text.empty() && text.back() == '.') text.pop_back();
@@ -147,32 +145,30 @@ bool MqttSession::Step(std::string& why) {
   return false;
 }
 
-bool MqttSession::Subscribe(const std::vector<std::string>& topics, int& mid) {
-  std::vector<char*> filters;
-  filters.reserve(topics.size());
-  for (const std::string& topic : topics) filters.push_back(const_cast<char*>(topic.c_str()));
-  return mosquitto_subscribe_multiple(mClient, &mid, static_cast<int>(filters.size()), filters.data(), kQos,
-                                      MQTT_SUB_OPT_SEND_RETAIN_NEVER, nullptr) == MOSQ_ERR_SUCCESS;
+bool MqttSession::SubscribeCommands(int& mid) {
+  // libmosquitto takes the filters as char* and does not change them.
+  char* filters[] = {const_cast<char*>(mTopics.Command().c_str()), const_cast<char*>(mTopics.AllCommand().c_str())};
+  return mosquitto_subscribe_multiple(mClient, &mid, 2, filters, kQos, MQTT_SUB_OPT_SEND_RETAIN_NEVER, nullptr) ==
+         MOSQ_ERR_SUCCESS;
 }
 
-bool MqttSession::Publish(const std::string& topic, const std::string& payload, bool retain,
-                          const std::optional<std::string>& correlation, int& mid, std::string& why) {
+int MqttSession::Publish(const std::string& topic, const std::string& payload, bool retain,
+                         const std::optional<std::string>& correlation, int& mid) {
   Properties properties;
   if (correlation) {
     mosquitto_property_add_binary(&properties.list, MQTT_PROP_CORRELATION_DATA, correlation->data(),
                                   static_cast<uint16_t>(correlation->size()));
   }
-  const int rc = mosquitto_publish_v5(mClient, &mid, topic.c_str(), static_cast<int>(payload.size()), payload.data(),
-                                      kQos, retain, properties.list);
-  if (rc == MOSQ_ERR_SUCCESS) return true;
-  why = ErrorText(rc);
-  return false;
+  return mosquitto_publish_v5(mClient, &mid, topic.c_str(), static_cast<int>(payload.size()), payload.data(), kQos,
+                              retain, properties.list);
 }
 
 void MqttSession::Disconnect() { mosquitto_disconnect_v5(mClient, MQTT_RC_NORMAL_DISCONNECTION, nullptr); }
 
-void MqttSession::OnConnect(mosquitto*, void* self, int reason, int, const mosquitto_property*) {
-  static_cast<MqttSession*>(self)->mListener.OnConnected(reason);
+void MqttSession::OnConnect(mosquitto*, void* self, int reason, int, const mosquitto_property* properties) {
+  auto* session = static_cast<MqttSession*>(self);
+  mosquitto_property_read_int32(properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, &session->mMaximumPacketSize, false);
+  session->mListener.OnConnected(reason);
 }
 
 void MqttSession::OnDisconnect(mosquitto*, void* self, int reason, const mosquitto_property*) {
@@ -183,7 +179,7 @@ void MqttSession::OnDisconnect(mosquitto*, void* self, int reason, const mosquit
 
 void MqttSession::OnSubscribe(mosquitto*, void* self, int mid, int count, const int* granted,
                               const mosquitto_property*) {
-  static_cast<MqttSession*>(self)->mListener.OnSubscribed(mid, std::vector<int>(granted, granted + count));
+  static_cast<MqttSession*>(self)->mListener.OnSubscribed(mid, count, granted);
 }
 
 void MqttSession::OnPublish(mosquitto*, void* self, int mid, int reason, const mosquitto_property*) {

@@ -9,9 +9,9 @@
 
 #include <mosquitto.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "tools/bridge/publication.h"
 #include "tools/bridge/settings.h"
@@ -34,8 +34,9 @@ class MqttSession {
     virtual ~Listener() = default;
     // The broker's answer to the connection: 0 accepted, else its reason.
     virtual void OnConnected(int reason) = 0;
-    // The reasons granted to each topic of subscription `mid`, in order.
-    virtual void OnSubscribed(int mid, const std::vector<int>& granted) = 0;
+    // The reasons granted to each of the `count` topics of subscription
+    // `mid`, in order.
+    virtual void OnSubscribed(int mid, int count, const int* granted) = 0;
     // The broker acknowledged publication `mid` (reason 0x80 and above: it
     // refused it).
     virtual void OnPublished(int mid, int reason) = 0;
@@ -60,12 +61,18 @@ class MqttSession {
   // waiting; false with the reason once the connection is gone.
   bool Step(std::string& why);
 
-  // Subscribes to `topics` at QoS 1, without the retained messages there;
-  // false when it cannot be sent.
-  bool Subscribe(const std::vector<std::string>& topics, int& mid);
-  // Publishes at QoS 1; false with the reason when it cannot be sent.
-  bool Publish(const std::string& topic, const std::string& payload, bool retain,
-               const std::optional<std::string>& correlation, int& mid, std::string& why);
+  // Subscribes to the box's two command topics (P/cmd, then PREFIX/all/cmd)
+  // at QoS 1, without the retained messages there; false when it cannot be
+  // sent.
+  bool SubscribeCommands(int& mid);
+  // Publishes at QoS 1; libmosquitto's error number (MOSQ_ERR_SUCCESS once
+  // it is on its way, MOSQ_ERR_OVERSIZE_PACKET for a message larger than the
+  // broker takes).
+  int Publish(const std::string& topic, const std::string& payload, bool retain,
+              const std::optional<std::string>& correlation, int& mid);
+  // The largest packet the broker takes, as its answer to the connection
+  // said; 0 when it set no limit.
+  uint32_t MaximumPacketSize() const { return mMaximumPacketSize; }
   // Sends DISCONNECT (the will is then not published).
   void Disconnect();
 
@@ -92,6 +99,7 @@ class MqttSession {
   mosquitto* mClient = nullptr;
   // The broker's reason for closing the connection, when it gave one.
   int mDisconnectReason = 0;
+  uint32_t mMaximumPacketSize = 0;
   bool mDisconnected = false;
   // libmosquitto's last error message (a TLS failure's details).
   std::string mLastError;

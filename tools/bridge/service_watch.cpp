@@ -16,14 +16,6 @@ constexpr char kSetUpText[] = "bool zel::bridge::ServiceWatch::SetUp(zel::servic
 // How long the service may be away before the next attempt to register.
 constexpr std::chrono::seconds kRetryInterval(1);
 
-core::Settings WatchSettings(const Settings& settings) {
-  core::Settings watch;
-  watch.servicePath = settings.servicePath;
-  watch.dir = settings.dir;
-  watch.timeoutMs = Settings::kReplyTimeoutMs;
-  return watch;
-}
-
 }  // namespace
 
 ServiceWatch::~ServiceWatch() { Stop(); }
@@ -44,7 +36,7 @@ void ServiceWatch::Stop() {
 
 void ServiceWatch::Run() {
   do {
-    core::Watch watch(WatchSettings(mSettings));
+    core::Watch watch(mSettings.Core());
     if (!SetUp(watch)) continue;
     {
       std::lock_guard<std::mutex> lock(mMutex);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "tools/bridge/broker_address.h"
+#include "tools/service_client/runner.h"
 
 namespace zel::bridge {
 
@@ -39,6 +40,9 @@ struct Settings {
   bool verbose = false;
 
   bool Allows(const std::string& command) const;
+  // The client core's settings for the runner and the watch: the service,
+  // the directory and the reply time-out.
+  zel::service_client::Settings Core() const;
 };
 
 }  // namespace zel::bridge

@@ -5,27 +5,32 @@
 #include <algorithm>
 
 namespace zel::bridge {
+namespace {
+
+void Forget(std::vector<std::string>& paths, const std::string& path) {
+  const auto entry = std::find(paths.begin(), paths.end(), path);
+  if (entry != paths.end()) paths.erase(entry);
+}
+
+}  // namespace
 
 void SocketFiles::Added(const std::string& path, bool directory) {
   std::lock_guard<std::mutex> lock(mMutex);
-  mEntries.push_back(Entry{path, directory});
+  (directory ? mDirectories : mFiles).push_back(path);
 }
 
 void SocketFiles::Removed(const std::string& path) {
   std::lock_guard<std::mutex> lock(mMutex);
-  mEntries.erase(std::remove_if(mEntries.begin(), mEntries.end(), [&](const Entry& e) { return e.path == path; }),
-                 mEntries.end());
+  Forget(mFiles, path);
+  Forget(mDirectories, path);
 }
 
 void SocketFiles::RemoveAll() {
   std::lock_guard<std::mutex> lock(mMutex);
-  for (const Entry& entry : mEntries) {
-    if (!entry.directory) ::unlink(entry.path.c_str());
-  }
-  for (const Entry& entry : mEntries) {
-    if (entry.directory) ::rmdir(entry.path.c_str());
-  }
-  mEntries.clear();
+  for (const std::string& path : mFiles) ::unlink(path.c_str());
+  for (const std::string& path : mDirectories) ::rmdir(path.c_str());
+  mFiles.clear();
+  mDirectories.clear();
 }
 
 }  // namespace zel::bridge

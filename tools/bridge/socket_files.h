@@ -20,13 +20,9 @@ class SocketFiles : public zel::service_client::FileObserver {
   void RemoveAll();
 
  private:
-  struct Entry {
-    std::string path;
-    bool directory;
-  };
-
-  std::mutex mMutex;  // guards mEntries
-  std::vector<Entry> mEntries;
+  std::mutex mMutex;  // guards mFiles and mDirectories
+  std::vector<std::string> mFiles;
+  std::vector<std::string> mDirectories;
 };
 
 }  // namespace zel::bridge

@@ -1,5 +1,7 @@
 #include "tools/bridge/topics.h"
 
+#include "util/decimal_text.h"
+
 namespace zel::bridge {
 
 Topics::Topics(const std::string& prefix, const std::string& id)
@@ -10,6 +12,6 @@ Topics::Topics(const std::string& prefix, const std::string& id)
       mAllCommand(prefix + "/all/cmd"),
       mReply(mBox + "reply") {}
 
-std::string Topics::Event(int32_t id) const { return mBox + "event/" + std::to_string(id); }
+std::string Topics::Event(int32_t id) const { return mBox + "event/" + zel::util::SignedDecimalText(id); }
 
 }  // namespace zel::bridge

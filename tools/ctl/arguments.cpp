@@ -2,11 +2,9 @@
 
 #include <getopt.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <limits>
-#include <utility>
 #include <vector>
 
 #include "util/decimal_text.h"
@@ -228,7 +226,10 @@ class CommandLine {
       mInvocation.mode = Invocation::Mode::Batch;
       return true;
     }
-    if (!service_client::ParseRequest(words, mInvocation.request, mFailure)) return false;
+    if (!service_client::ParseRequest(words, mInvocation.request, mFailure)) {
+      PointToHelp(mFailure);
+      return false;
+    }
     const bool watch = mInvocation.request.command->reply == service_client::ReplyStyle::Events;
     mInvocation.mode = watch ? Invocation::Mode::Watch : Invocation::Mode::OneShot;
     return true;
@@ -260,37 +261,25 @@ class CommandLine {
   std::string mSawCount;
 };
 
-using Row = std::pair<std::string, std::string>;
-
-// Rows of two columns, the first padded so that the second ones line up.
-std::string Columns(const std::vector<Row>& rows) {
-  size_t width = 0;
-  for (const Row& row : rows) width = std::max(width, row.first.size());
-  std::string text;
-  for (const Row& row : rows) {
-    text += "  " + row.first + std::string(width - row.first.size() + 2, ' ') + row.second + "\n";
-  }
-  return text;
-}
-
-std::vector<Row> CommandRows() {
-  std::vector<Row> rows;
+std::vector<service_client::HelpRow> CommandRows() {
+  std::vector<service_client::HelpRow> rows;
   for (const service_client::Command& command : service_client::AllCommands()) {
     std::string left = command.name;
-    if (command.alias != nullptr) left += std::string(" (") + command.alias + ")";
-    if (*command.argumentsHelp != '\0') left += std::string(" ") + command.argumentsHelp;
-    rows.emplace_back(left, command.summary);
+    if (command.alias != nullptr) left.append(" (").append(command.alias).append(1, ')');
+    if (*command.argumentsHelp != '\0') left.append(1, ' ').append(command.argumentsHelp);
+    rows.push_back({left, command.summary});
   }
-  rows.emplace_back(kBatchWord, "read commands from standard input, one a line");
+  rows.push_back({kBatchWord, "read commands from standard input, one a line"});
   return rows;
 }
 
-std::vector<Row> OptionRows() {
-  std::vector<Row> rows;
+std::vector<service_client::HelpRow> OptionRows() {
+  std::vector<service_client::HelpRow> rows;
   for (const Option& entry : kOptions) {
-    std::string left = std::string("-") + entry.shortName + ", --" + entry.longName;
-    if (entry.valueName != nullptr) left += std::string(" ") + entry.valueName;
-    rows.emplace_back(left, entry.summary);
+    std::string left = "-";
+    left.append(1, entry.shortName).append(", --").append(entry.longName);
+    if (entry.valueName != nullptr) left.append(1, ' ').append(entry.valueName);
+    rows.push_back({left, entry.summary});
   }
   return rows;
 }
@@ -301,9 +290,13 @@ bool ParseArguments(int argc, char** argv, Invocation& invocation, Failure& fail
   return CommandLine(argc, argv, invocation, failure).Parse();
 }
 
+void PointToHelp(Failure& failure) {
+  if (failure.commandUnknown) failure.why += " (try --help)";
+}
+
 std::string HelpText() {
-  return std::string(kUsage) + "\nCommands:\n" + Columns(CommandRows()) + "\nOptions:\n" + Columns(OptionRows()) +
-         "\n" + kExitStatus;
+  return std::string(kUsage) + "\nCommands:\n" + service_client::HelpColumns(CommandRows()) + "\nOptions:\n" +
+         service_client::HelpColumns(OptionRows()) + "\n" + kExitStatus;
 }
 
 std::string VersionText() { return std::string("kendrivex-ctl ") + KDX_VERSION + "\n"; }

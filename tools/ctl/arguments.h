@@ -35,6 +35,10 @@ struct Invocation {
 // False with a usage failure (status 2) when the command line is wrong.
 bool ParseArguments(int argc, char** argv, Invocation& invocation, Failure& failure);
 
+// A failure of the client core as kendrivex-ctl says it: a missing or
+// unknown command points to the help text, which lists the commands.
+void PointToHelp(Failure& failure);
+
 std::string HelpText();
 std::string VersionText();
 

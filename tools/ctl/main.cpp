@@ -91,6 +91,7 @@ int RunBatch(const Invocation& invocation, Output& output) {
   while (!output.Broken() && reader.Next(line)) {
     ++number;
     Outcome outcome = runner.RunLine(line);
+    zel::ctl::PointToHelp(outcome.failure);
     const int status =
         Show(outcome, "line " + zel::util::DecimalText(static_cast<uint32_t>(number)) + ": ", invocation.json, output);
     if (firstFailure == zel::service_client::kStatusOk) firstFailure = status;

@@ -1,5 +1,7 @@
 #include "tools/service_client/commands.h"
 
+#include <algorithm>
+
 #include "ipc/ipc_message.h"
 #include "ipc/ipc_types.h"
 
@@ -72,13 +74,15 @@ const Command* FindCommand(const std::string& word) {
 bool ParseRequest(const std::vector<std::string>& words, Request& request, Failure& failure) {
   request = Request();
   if (words.empty()) {
-    failure = Fail(kStatusUsage, "command", "missing (try --help)");
+    failure = Fail(kStatusUsage, "command", "missing");
+    failure.commandUnknown = true;
     return false;
   }
   request.typed = words[0];
   request.command = FindCommand(words[0]);
   if (request.command == nullptr) {
-    failure = Usage(request, "unknown command (try --help)");
+    failure = Usage(request, "unknown command");
+    failure.commandUnknown = true;
     return false;
   }
   if (request.command->arguments == Arguments::NumberAndFields) return ParseNumberAndFields(words, request, failure);
@@ -106,5 +110,15 @@ bool SplitLine(const std::string& line, std::vector<std::string>& words, Failure
 }
 
 bool IsBlankOrComment(const std::vector<std::string>& words) { return words.empty() || words[0][0] == '#'; }
+
+std::string HelpColumns(const std::vector<HelpRow>& rows) {
+  size_t width = 0;
+  for (const HelpRow& row : rows) width = std::max(width, row.left.size());
+  std::string text;
+  for (const HelpRow& row : rows) {
+    text.append(2, ' ').append(row.left).append(width - row.left.size() + 2, ' ').append(row.summary).append(1, '\n');
+  }
+  return text;
+}
 
 }  // namespace zel::service_client

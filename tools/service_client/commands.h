@@ -3,7 +3,8 @@
 // takes, how its reply reads, and its line of help. The parser, the runner,
 // the help text and (through the help text) the bash completion all read this
 // one table; a new command is a new row. Also the splitting of a batch line
-// into words. Constant data and pure functions; any thread.
+// into words, and the layout of a help text's table, which the programs'
+// option tables share. Constant data and pure functions; any thread.
 #pragma once
 
 #include <cstddef>
@@ -62,7 +63,9 @@ struct Request {
 };
 
 // Checks the command word (`words[0]`) and its arguments against the table;
-// false with a usage failure (status 2) when they do not fit.
+// false with a usage failure (status 2) when they do not fit. A missing or
+// unknown command word is said without naming a way to learn the commands
+// (the failure's `commandUnknown` is set), which each front end knows best.
 bool ParseRequest(const std::vector<std::string>& words, Request& request, Failure& failure);
 
 // The words of a batch line, split at blanks and tabs, none empty; false
@@ -73,5 +76,15 @@ bool SplitLine(const std::string& line, std::vector<std::string>& words, Failure
 // Whether a batch line of these words asks for nothing: it is blank, or a
 // comment (its first word begins with '#').
 bool IsBlankOrComment(const std::vector<std::string>& words);
+
+// One row of a help text's table: what is typed, and what it does.
+struct HelpRow {
+  std::string left;
+  const char* summary;
+};
+
+// The rows as a help text shows them, one a line: indented by two blanks,
+// the summaries lined up two blanks after the longest left column.
+std::string HelpColumns(const std::vector<HelpRow>& rows);
 
 }  // namespace zel::service_client

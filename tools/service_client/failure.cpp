@@ -39,11 +39,9 @@ size_t Utf8Length(const std::string& text, size_t at) {
   return length;
 }
 
-// The shown form of the byte or character at `at`, and how many bytes it
-// takes.
-std::string ShownAt(const std::string& text, size_t at, size_t& taken) {
-  const auto byte = static_cast<unsigned char>(text[at]);
-  taken = 1;
+// The escape that shows a tab, a line end or the backslash; nullptr for any
+// other byte.
+const char* EscapeOf(unsigned char byte) {
   switch (byte) {
     case '\t':
       return "\\t";
@@ -54,12 +52,8 @@ std::string ShownAt(const std::string& text, size_t at, size_t& taken) {
     case '\\':
       return "\\\\";
     default:
-      break;
+      return nullptr;
   }
-  const size_t length = byte < 0x20 || byte == 0x7F ? 0 : Utf8Length(text, at);
-  if (length == 0) return std::string{'\\', 'x', kHexDigits[byte >> 4], kHexDigits[byte & 0x0F]};
-  taken = length;
-  return text.substr(at, length);
 }
 
 }  // namespace
@@ -84,16 +78,36 @@ std::string Shown(const std::string& text, size_t limit) {
   std::string shown;
   size_t characters = 0;
   for (size_t at = 0; at < text.size();) {
-    size_t taken = 0;
-    const std::string piece = ShownAt(text, at, taken);
+    const auto byte = static_cast<unsigned char>(text[at]);
+    const char hex[] = {'\\', 'x', kHexDigits[byte >> 4], kHexDigits[byte & 0x0F], '\0'};
+    const char* escape = EscapeOf(byte);
+    size_t taken = 1;
+    if (escape == nullptr) {
+      const size_t length = byte < 0x20 || byte == 0x7F ? 0 : Utf8Length(text, at);
+      if (length == 0) escape = hex;
+      taken = length == 0 ? 1 : length;
+    }
     // An escape counts as the characters it shows, a UTF-8 character as one.
-    const size_t width = taken > 1 ? 1 : piece.size();
-    if (characters + width > limit) return shown + kCut;
-    shown += piece;
+    const size_t width = escape != nullptr ? std::strlen(escape) : 1;
+    if (characters + width > limit) return shown.append(kCut);
+    if (escape != nullptr) {
+      shown.append(escape);
+    } else {
+      shown.append(text.data() + at, taken);
+    }
     characters += width;
     at += taken;
   }
   return shown;
+}
+
+bool ValidUtf8(const std::string& text) {
+  for (size_t at = 0; at < text.size();) {
+    const size_t length = Utf8Length(text, at);
+    if (length == 0) return false;
+    at += length;
+  }
+  return true;
 }
 
 }  // namespace zel::service_client

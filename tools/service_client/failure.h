@@ -24,6 +24,9 @@ struct Failure {
   int status = kStatusOk;
   std::string what;  // as shown: built from Shown() texts where it quotes input
   std::string why;
+  // The command word is missing or names no command: a front end with a
+  // help text may point to it after `why`.
+  bool commandUnknown = false;
 
   bool Failed() const { return status != kStatusOk; }
   // "<program>: <what>: <why>" and a newline, as written to standard error.
@@ -47,5 +50,9 @@ constexpr size_t kShownPathLength = 160;
 // byte that is not part of valid UTF-8 as \xNN; at most `limit` characters
 // (an escape or a UTF-8 character never cut), then "..." when cut short.
 std::string Shown(const std::string& text, size_t limit = kShownLength);
+
+// Whether `text` is well-formed UTF-8 throughout (no overlong form, surrogate
+// or code point beyond U+10FFFF), as Shown judges it.
+bool ValidUtf8(const std::string& text);
 
 }  // namespace zel::service_client

@@ -275,13 +275,13 @@ class Runner::Clients {
                      "no free client socket path, and no room for a directory of its own");
       return false;
     }
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
+    // mkdtemp fills in the X's of the pattern, which is its own copy.
+    std::string name = pattern;
     mObserver.BeginMaking();
     const bool made = ::mkdtemp(name.data()) != nullptr;
     const int error = errno;
     if (made) {
-      mPrivateDir = name.data();
+      mPrivateDir = name;
       mObserver.Added(mPrivateDir, true);
     }
     mObserver.EndMaking();

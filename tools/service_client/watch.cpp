@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -282,7 +282,9 @@ class Watch::State {
 
   std::mutex mMutex;  // guards mNotices, mEvents and mClosed
   std::condition_variable mRoom;
-  std::deque<Notice> mNotices;
+  // A list rather than a deque, whose code would add some 500 bytes to each
+  // program on the device.
+  std::list<Notice> mNotices;
   size_t mEvents = 0;    // the events among mNotices
   bool mClosed = false;  // while the client is destroyed: events are dropped
 };

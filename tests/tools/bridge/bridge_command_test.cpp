@@ -135,20 +135,20 @@ TEST_F(BridgeCommandTest, BadInputIsAnsweredWithAnErrorAndNothingReachesTheServi
     std::string reply;
   };
   const std::vector<Case> cases = {
-      {"",                ErrorPayload(std::nullopt, 2,                         "no command in the message")      },
-      {"  \t ",           ErrorPayload(std::nullopt, 2,                         "no command in the message")      },
-      {"\n",              ErrorPayload(std::nullopt, 2,                         "no command in the message")      },
-      {"# ping",          ErrorPayload("#",          2,                         "#: unknown command (try --help)")},
-      {"ping\xff",        ErrorPayload(std::nullopt, 2,                         "not valid UTF-8")                },
-      {"\xc0\x80",        ErrorPayload(std::nullopt, 2,                         "not valid UTF-8")                },
-      {tooLong,           ErrorPayload(std::nullopt, 2,                         "longer than 8192 bytes")         },
-      {"ping\nping",      ErrorPayload(std::nullopt, 2,                         "not one line of text")           },
-      {std::string("p\0", 2),                        ErrorPayload(std::nullopt, 2,                                  "not one line of text")},
-      {"reboot",                 ErrorPayload("reboot",                                   2,                       "reboot: unknown command (try --help)")                     },
+      {"",                ErrorPayload(std::nullopt, 2,                         "no command in the message")},
+      {"  \t ",           ErrorPayload(std::nullopt, 2,                         "no command in the message")},
+      {"\n",              ErrorPayload(std::nullopt, 2,                         "no command in the message")},
+      {"# ping",          ErrorPayload("#",          2,                         "#: unknown command")       },
+      {"ping\xff",        ErrorPayload(std::nullopt, 2,                         "not valid UTF-8")          },
+      {"\xc0\x80",        ErrorPayload(std::nullopt, 2,                         "not valid UTF-8")          },
+      {tooLong,           ErrorPayload(std::nullopt, 2,                         "longer than 8192 bytes")   },
+      {"ping\nping",      ErrorPayload(std::nullopt, 2,                         "not one line of text")     },
+      {std::string("p\0", 2),                        ErrorPayload(std::nullopt, 2,                            "not one line of text")},
+      {"reboot",                 ErrorPayload("reboot",                                   2,                       "reboot: unknown command")               },
       {"mac",                 ErrorPayload("mac",                                      2,                             "mac: not allowed from the broker")   },
-      {"watch",                 ErrorPayload("watch",                                    2,                         "watch: not allowed from the broker")                   },
+      {"watch",                 ErrorPayload("watch",                                    2,                         "watch: not allowed from the broker")             },
       {"ping now",                 ErrorPayload("ping",                                 2,                       "ping: takes no arguments, not \"now\"")    },
-      {"send",                 ErrorPayload("send",                                     2,                           "send: missing command number N (1 to 5)")                   },
+      {"send",                 ErrorPayload("send",                                     2,                           "send: missing command number N (1 to 5)")             },
       {"send 9",                 ErrorPayload("send",                                   2,                         "send: command number must be 1 to 5, not \"9\"")    },
   };
   for (const Case& c : cases) EXPECT_EQ(Ask(c.payload), c.reply) << c.payload.substr(0, 20);

@@ -64,6 +64,18 @@ class MqttLinkTest : public ::testing::Test {
     });
   }
 
+  // The link online with a broker that takes packets of at most 300 bytes,
+  // and a client subscribed to `filter` and the box's status.
+  std::unique_ptr<MqttTestClient> OnlineWithSmallPackets(const std::string& filter) {
+    broker.AddConfig({"max_packet_size 300"});
+    EXPECT_TRUE(broker.Start());
+    StartLink();
+    auto client = Subscriber(filter);
+    EXPECT_TRUE(client->Subscribe("k/box/status"));
+    EXPECT_TRUE(WaitForOnline(*client));
+    return client;
+  }
+
   std::vector<IncomingMessage> Received() {
     std::lock_guard<std::mutex> lock(mutex);
     return received;
@@ -233,6 +245,51 @@ TEST_F(MqttLinkTest, CleanStopPublishesOfflineBeforeItDisconnects) {
   // A normal disconnection: the broker publishes no will after it.
   ASSERT_TRUE(WaitUntil([this] { return broker.Log().find("disconnected") != std::string::npos; }));
   EXPECT_EQ(client->PayloadsOn("k/box/status").size(), 2u);
+}
+
+// The log line of a message dropped for its size.
+std::string DroppedForItsSize(const std::string& topic, size_t bytes, size_t count) {
+  return "bool zel::bridge::MqttLink::Send(const std::string&, const std::string&, bool, const "
+         "std::optional<std::string>&, int&) 2: dropped the message for [" +
+         topic + "]: its payload of " + std::to_string(bytes) +
+         " bytes makes a packet larger than the broker takes (at most 300 bytes); " + std::to_string(count) +
+         " dropped for their size so far\n";
+}
+
+TEST_F(MqttLinkTest, EventLargerThanTheBrokerTakesIsDroppedAndCountedAndTheConnectionStays) {
+  auto client = OnlineWithSmallPackets("k/box/event/#");
+  events.Push(OutgoingEvent{"k/box/event/1", std::string(400, 'x')});
+  events.Push(Event(2));
+  events.Push(OutgoingEvent{"k/box/event/3", std::string(500, 'x')});
+  events.Push(Event(4));
+  ASSERT_TRUE(client->WaitForCount("k/box/event/4", 1));
+  ASSERT_TRUE(SyslogCapture::WaitForRecord({LOG_ERR, DroppedForItsSize("k/box/event/1", 400, 1)}));
+  ASSERT_TRUE(SyslogCapture::WaitForRecord({LOG_ERR, DroppedForItsSize("k/box/event/3", 500, 2)}));
+  std::vector<std::string> order;
+  for (const Message& message : client->Messages()) order.push_back(message.topic + " " + message.payload);
+  EXPECT_EQ(order, (std::vector<std::string>{"k/box/status online", "k/box/event/2 e2", "k/box/event/4 e4"}));
+  // Never sent, so never the cause of a lost connection and a resend.
+  EXPECT_EQ(events.Waiting(), 0u);
+  EXPECT_EQ(broker.Log().find("oversize"), std::string::npos);
+  for (const LogRecord& record : SyslogCapture::Records()) {
+    EXPECT_EQ(record.text.find("MqttLink::Lose"), std::string::npos) << record.text;
+  }
+}
+
+TEST_F(MqttLinkTest, ReplyLargerThanTheBrokerTakesIsDroppedAndCountedAndTheNextGoesOut) {
+  auto client = OnlineWithSmallPackets("replies/#");
+  replies.Push(Publication{
+      ReplyRoute{"replies/1", std::nullopt},
+      std::string(400, 'r')
+  });
+  replies.Push(Publication{
+      ReplyRoute{"replies/2", std::nullopt},
+      "{\"b\":2}"
+  });
+  ASSERT_TRUE(client->WaitForCount("replies/2", 1));
+  ASSERT_TRUE(SyslogCapture::WaitForRecord({LOG_ERR, DroppedForItsSize("replies/1", 400, 1)}));
+  EXPECT_TRUE(client->On("replies/1").empty());
+  EXPECT_EQ(broker.Log().find("oversize"), std::string::npos);
 }
 
 }  // namespace

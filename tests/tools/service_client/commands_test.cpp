@@ -104,13 +104,20 @@ TEST(ParseRequestTest, WatchSendsNothing) {
 TEST(ParseRequestTest, NoWordsIsAMissingCommand) {
   const Failure failure = Refused({});
   EXPECT_EQ(failure.what, "command");
-  EXPECT_EQ(failure.why, "missing (try --help)");
+  EXPECT_EQ(failure.why, "missing");
+  EXPECT_TRUE(failure.commandUnknown);
 }
 
 TEST(ParseRequestTest, UnknownCommandIsShownEscaped) {
   const Failure failure = Refused({"po\x1bng"});
   EXPECT_EQ(failure.what, "po\\x1bng");
-  EXPECT_EQ(failure.why, "unknown command (try --help)");
+  EXPECT_EQ(failure.why, "unknown command");
+  EXPECT_TRUE(failure.commandUnknown);
+}
+
+TEST(ParseRequestTest, OtherUsageFailuresLeaveTheCommandKnown) {
+  EXPECT_FALSE(Refused({"stations", "all"}).commandUnknown);
+  EXPECT_FALSE(Refused({"send"}).commandUnknown);
 }
 
 TEST(ParseRequestTest, ArgumentOfACommandWithoutArgumentsIsRefused) {
@@ -154,6 +161,18 @@ TEST(SplitLineTest, BlankAndCommentLinesAreSkipped) {
   EXPECT_TRUE(IsBlankOrComment(Split("#ping")));
   EXPECT_FALSE(IsBlankOrComment(Split("ping # no comment here")));
 }
+
+TEST(HelpColumnsTest, SummariesLineUpTwoBlanksAfterTheLongestLeftColumn) {
+  const std::vector<HelpRow> rows = {
+      {"-a",         "first" },
+      {"--longer X", "second"},
+      {"",           "third" },
+  };
+  EXPECT_EQ(HelpColumns(rows),
+            "  -a" + std::string(10, ' ') + "first\n  --longer X  second\n" + std::string(14, ' ') + "third\n");
+}
+
+TEST(HelpColumnsTest, NoRowsMakeNoText) { EXPECT_EQ(HelpColumns({}), ""); }
 
 }  // namespace
 }  // namespace zel::service_client

@@ -57,5 +57,18 @@ TEST(ShownTest, LimitCanBeChosen) {
   EXPECT_EQ(Shown(std::string(150, 'p'), kShownPathLength), std::string(150, 'p'));
 }
 
+TEST(ValidUtf8Test, WellFormedTextIsValid) {
+  for (const char* text : {"", "ping", "\x7f", "\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xf4\x8f\xbf\xbf"}) {
+    EXPECT_TRUE(ValidUtf8(text)) << text;
+  }
+}
+
+TEST(ValidUtf8Test, OverlongFormsSurrogatesAndCutCharactersAreNot) {
+  for (const char* text :
+       {"\x80", "\xc1\xbf", "\xe0\x80\x80", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xff", "a\xe2\x82"}) {
+    EXPECT_FALSE(ValidUtf8(text)) << text;
+  }
+}
+
 }  // namespace
 }  // namespace zel::service_client
