@@ -168,6 +168,7 @@ floor_median_us=()
 bridge_us=()
 bridge_median_us=()
 direct_us=()
+ratios=()
 for round in $(seq "$rounds"); do
   line=$("$mqtt_bench" request --port "$fast_port" --topic bench/floor/cmd --count "$commands")
   floor_us+=("$(field mean_us "$line")")
@@ -181,12 +182,16 @@ for round in $(seq "$rounds"); do
   "$ctl" -s "$tmp/svc" -d "$tmp" - <"$tmp/pings" >/dev/null
   direct_us+=("$(awk -v ns=$(($(date +%s%N) - start)) -v n="$commands" 'BEGIN { printf "%.1f", ns / 1000 / n }')")
   log "round $round, direct: ${direct_us[-1]} us a command"
+  # The round's own ratio, by the means: the three ran one after another.
+  ratios+=("$(awk -v f="${floor_us[-1]}" -v b="${bridge_us[-1]}" -v d="${direct_us[-1]}" \
+    'BEGIN { printf "%.2f", b / (f + d) }')")
 done
 floor=$(printf '%s\n' "${floor_us[@]}" | median)
 floor_median=$(printf '%s\n' "${floor_median_us[@]}" | median)
 through_bridge=$(printf '%s\n' "${bridge_us[@]}" | median)
 bridge_median=$(printf '%s\n' "${bridge_median_us[@]}" | median)
 direct=$(printf '%s\n' "${direct_us[@]}" | median)
+ratio=$(printf '%s\n' "${ratios[@]}" | median)
 load_rt="$load_start / $(load)"
 
 # --- Nagle's algorithm ------------------------------------------------------
@@ -309,7 +314,7 @@ done
 
 # --- Figures ----------------------------------------------------------------
 awk -v floor="$floor" -v bridge="$through_bridge" -v direct="$direct" -v fm="$floor_median" -v bm="$bridge_median" \
-  -v n="$commands" -v r="$rounds" -v load="$load_rt" 'BEGIN {
+  -v n="$commands" -v r="$rounds" -v load="$load_rt" -v ratio="$ratio" -v ratios="${ratios[*]}" 'BEGIN {
   printf "Command round trip, %d pings one after another, medians of %d rounds (load average %s):\n\n", n, r, load
   print "| path | per command (mean) | one request (median) |"
   print "|---|---:|---:|"
@@ -317,8 +322,8 @@ awk -v floor="$floor" -v bridge="$through_bridge" -v direct="$direct" -v fm="$fl
   printf "| `kendrivex-ctl -` against the simulator (direct) | %.1f µs | |\n", direct
   printf "| requester -> broker -> kendrivex-bridge -> simulator | %.1f µs | %.1f µs |\n", bridge, bm
   printf "| goal: (floor + direct) x 1.2 | %.1f µs | %.1f µs |\n", (floor + direct) * 1.2, (fm + direct) * 1.2
-  printf "\nbridge / (floor + direct) = %.2f by the means, %.2f by the medians (goal at most 1.2)\n\n",
-    bridge / (floor + direct), bm / (fm + direct)
+  printf "\nbridge / (floor + direct), goal at most 1.2: %.2f, the median of the rounds\047 own ratios (%s);", ratio, ratios
+  printf " %.2f by the medians of a request\n\n", bm / (fm + direct)
 }'
 awk -v ff="$fast_floor" -v fb="$fast_bridge" -v sf="$slow_floor" -v sb="$slow_bridge" -v load="$load_nagle" 'BEGIN {
   printf "One request and its reply, median (load average %s):\n\n", load

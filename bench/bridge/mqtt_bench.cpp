@@ -146,15 +146,21 @@ int Request(const Options& options) {
 
 int Respond(const Options& options) {
   BenchClient client(options.Number("nodelay", "1") != 0);
-  uint64_t answered = 0;
+  // Replies wait for the end of the callback: published from inside it,
+  // libmosquitto would only send them on the next turn of the loop.
+  std::vector<BenchMessage> requests;
   client.OnMessage([&](const BenchMessage& message) {
-    if (!message.responseTopic) return;
-    if (client.Publish(*message.responseTopic, kFloorReply, "", message.correlation.value_or(""))) ++answered;
+    if (message.responseTopic) requests.push_back(message);
   });
   Connect(client, options);
   Subscribe(client, options);
+  uint64_t answered = 0;
   while (!gStop) {
     if (!client.Loop(100)) Fail("the connection was lost");
+    for (const BenchMessage& request : requests) {
+      if (client.Publish(*request.responseTopic, kFloorReply, "", request.correlation.value_or(""))) ++answered;
+    }
+    requests.clear();
   }
   std::printf("answered=%llu\n", static_cast<unsigned long long>(answered));
   return 0;
