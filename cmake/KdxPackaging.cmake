@@ -9,6 +9,9 @@
 #   does, so that a later incompatible version can be installed beside it.
 # - libkendrivex-ipc-dev: header, pkg-config file and the unversioned link,
 #   needed only to build programs against the library.
+# - kendrivex-bridge: the MQTT bridge, its manual page, its systemd unit and
+#   its configuration file (a conffile), apart from the client's package so
+#   that the client does not need libmosquitto.
 #
 # Each package is declared with kdx_debian_package (below), which gives it
 # what Debian's package checker (lintian) asks of every package: the
@@ -16,7 +19,9 @@
 # /usr/share/doc/<package>/, and the lintian overrides that apply to it, in
 # /usr/share/lintian/overrides/<package> (each override with its reason on
 # the comment line above it). A library package also gets its shlibs file
-# and the ldconfig trigger. The texts are in cmake/debian/.
+# and the ldconfig trigger; a package with configuration files its conffiles
+# list, and one with systemd units the maintainer scripts that look after
+# them. The texts are in cmake/debian/.
 
 # Manual pages, installed gzip-compressed as Debian expects (man reads them
 # either way). -n leaves name and time out, so that packages are reproducible.
@@ -51,8 +56,7 @@ kdx_man_page(kendrivex-cli.1 1 Unspecified)
 kdx_man_page(kendrivex-ctl.1 1 Unspecified)
 kdx_man_page(kendrivex-sim.1 1 Unspecified)
 kdx_man_page(kendrivex_ipc.3 3 ipc_dev)
-# kendrivex-bridge's files are a component of their own, which no package
-# holds yet.
+# kendrivex-bridge's files are a component of their own, its own package.
 kdx_man_page(kendrivex-bridge.8 8 bridge)
 
 # The Debian name of the target architecture, from the compiler's multiarch
@@ -138,6 +142,11 @@ set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 # ldconfig trigger instead, as Debian does.
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS OFF)
 set(kdxDebianVersion ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
+# Debian keeps configuration files in /etc and, on Debian 12, a package's
+# systemd units in /lib/systemd/system, outside the prefix /usr. cmake
+# --install puts them below the prefix it is given (etc/, lib/systemd/); the
+# packages move them there in CPack's staging directory.
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/debian/outside_usr.cmake)
 
 # The copyright file and the changelog, the same for every package. The
 # changelog's latest entry must be for the version being packaged.
@@ -153,7 +162,8 @@ endif()
 kdx_gzip(${kdxDebianBuildDir}/changelog.Debian ${kdxDebianBuildDir}/changelog.Debian.gz)
 add_custom_target(kdx_compressed_files ALL DEPENDS ${kdxCompressed})
 
-# kdx_debian_package(<component> <package> [LIBRARY <shared library target>])
+# kdx_debian_package(<component> <package> [LIBRARY <shared library target>]
+#                    [CONFFILES <path>...] [SERVICES <systemd unit>...])
 # Makes the install component <component> the Debian package <package>, with
 # the copyright file, the changelog and its lintian overrides: those of every
 # package (cmake/debian/lintian-overrides) followed by the package's own
@@ -162,11 +172,17 @@ add_custom_target(kdx_compressed_files ALL DEPENDS ${kdxCompressed})
 # out). With LIBRARY, the package holds that shared
 # library: it gets a shlibs file, so that packages of programs linked against
 # it get their dependency from dpkg-shlibdeps, and the ldconfig trigger, so
-# that the library cache is updated without maintainer scripts. The
+# that the library cache is updated without maintainer scripts. CONFFILES
+# names the package's configuration files as installed (/etc/...): dpkg keeps
+# an administrator's changes to them on upgrades. SERVICES names the systemd
+# units the package installs: its maintainer scripts
+# (cmake/debian/services.*.in) keep them disabled until the administrator
+# enables them, restart a running one after an upgrade, stop it on removal
+# and forget it on purge. The
 # package's own control fields (section, dependencies, description) are set
 # as CPACK_DEBIAN_<COMPONENT>_... beside the call.
 function(kdx_debian_package component package)
-  cmake_parse_arguments(ARG "" "LIBRARY" "" ${ARGN})
+  cmake_parse_arguments(ARG "" "LIBRARY" "CONFFILES;SERVICES" ${ARGN})
   string(TOUPPER ${component} upper)
   set(CPACK_DEBIAN_${upper}_PACKAGE_NAME ${package} PARENT_SCOPE)
   set(CPACK_COMPONENTS_ALL ${CPACK_COMPONENTS_ALL} ${component} PARENT_SCOPE)
@@ -184,16 +200,35 @@ function(kdx_debian_package component package)
   file(CONFIGURE OUTPUT ${overrides} CONTENT "${text}" @ONLY)
   install(FILES ${overrides} DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides RENAME ${package}
     COMPONENT ${component} EXCLUDE_FROM_ALL)
+  # The control files beside the control file itself.
+  set(control ${kdxDebianBuildDir}/${package})
+  set(extra)
   if(ARG_LIBRARY)
     get_target_property(soversion ${ARG_LIBRARY} SOVERSION)
     get_target_property(name ${ARG_LIBRARY} OUTPUT_NAME)
     if(NOT name)
       set(name ${ARG_LIBRARY})
     endif()
-    set(control ${kdxDebianBuildDir}/${package})
     file(WRITE ${control}/shlibs "lib${name} ${soversion} ${package} (>= ${kdxDebianVersion})\n")
     file(WRITE ${control}/triggers "activate-noawait ldconfig\n")
-    set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA "${control}/shlibs;${control}/triggers" PARENT_SCOPE)
+    list(APPEND extra ${control}/shlibs ${control}/triggers)
+  endif()
+  if(ARG_CONFFILES)
+    list(JOIN ARG_CONFFILES "\n" conffiles)
+    file(WRITE ${control}/conffiles "${conffiles}\n")
+    list(APPEND extra ${control}/conffiles)
+  endif()
+  if(ARG_SERVICES)
+    # Each unit's name in single quotes, as the scripts' shell words.
+    list(JOIN ARG_SERVICES "' '" KDX_UNITS)
+    set(KDX_UNITS "'${KDX_UNITS}'")
+    foreach(script postinst prerm postrm)
+      configure_file(${kdxDebianDir}/services.${script}.in ${control}/${script} @ONLY)
+      list(APPEND extra ${control}/${script})
+    endforeach()
+  endif()
+  if(extra)
+    set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA "${extra}" PARENT_SCOPE)
   endif()
 endfunction()
 
@@ -232,5 +267,29 @@ set(CPACK_DEBIAN_IPC_DEV_DESCRIPTION
   "client library for the device-control service - development files
 The C header, the pkg-config file (kendrivex-ipc) and the link to the
 library, for building programs that use ${kdxIpcPackage}.")
+
+# The bridge: libmosquitto is the one library it needs beyond the others'.
+# Its symbols are all in libmosquitto 1.6 (dpkg-shlibdeps says so for the
+# amd64 build), but two options it sets came with 2.0: TCP_NODELAY on its
+# connection, and the system's certificate authorities for TLS. Stated here,
+# like the C and C++ libraries, because dpkg-shlibdeps does not serve the
+# cross build.
+kdx_debian_package(bridge kendrivex-bridge
+  CONFFILES /etc/kendrivex/bridge.conf
+  SERVICES kendrivex-bridge.service)
+set(CPACK_DEBIAN_BRIDGE_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_BRIDGE_PACKAGE_DEPENDS "${kdxRuntimeDepends}, libmosquitto1 (>= 2.0)")
+set(CPACK_DEBIAN_BRIDGE_DESCRIPTION
+  "puts the device-control service on the fleet's MQTT broker
+kendrivex-bridge publishes the device-control service's events on an MQTT
+broker and takes commands from it (ping, stations, mac; send only when
+allowed), one box's or every box's, answering each on the requester's
+response topic. It says on retained topics whether it and the service are
+there, keeps events while the broker is away, and speaks TLS with
+certificate verification.
+.
+The systemd unit kendrivex-bridge.service is installed but not enabled: the
+bridge needs this box's service socket and broker first. Set them in
+/etc/kendrivex/bridge.conf, then run systemctl enable --now kendrivex-bridge.")
 
 include(CPack)
