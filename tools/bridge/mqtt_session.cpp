@@ -132,15 +132,34 @@ int MqttSession::Fd() const { return mClient != nullptr ? mosquitto_socket(mClie
 
 bool MqttSession::WantWrite() const { return mClient != nullptr && mosquitto_want_write(mClient); }
 
-bool MqttSession::Step(std::string& why) {
-  const int rc = mosquitto_loop(mClient, 0, 1);
-  if (rc == MOSQ_ERR_SUCCESS && !mDisconnected) return true;
+// The link's own poll says what the descriptor is ready for, so libmosquitto's
+// parts of mosquitto_loop are called without the wait of its own that it
+// would make first. The order is mosquitto_loop's: read, write, then the
+// keep-alive.
+bool MqttSession::Step(bool readable, bool writable, std::string& why) {
+  // Until the broker has answered, libmosquitto carries a TLS handshake on
+  // from its read, which may be what a writable descriptor waits for.
+  if (readable || (writable && !mAnswered)) {
+    const int rc = mosquitto_loop_read(mClient, 1);
+    if (rc != MOSQ_ERR_SUCCESS || mosquitto_socket(mClient) < 0) return Alive(rc, why);
+  }
+  // What the callbacks queued; a write to a full descriptor leaves the rest
+  // waiting for POLLOUT.
+  if (mosquitto_want_write(mClient)) {
+    const int rc = mosquitto_loop_write(mClient, 1);
+    if (rc != MOSQ_ERR_SUCCESS || mosquitto_socket(mClient) < 0) return Alive(rc, why);
+  }
+  return Alive(mosquitto_loop_misc(mClient), why);
+}
+
+bool MqttSession::Alive(int code, std::string& why) const {
+  if (code == MOSQ_ERR_SUCCESS && !mDisconnected) return true;
   // libmosquitto reports a lost connection with one of its own error numbers,
   // which are all below the MQTT reason codes of a broker's DISCONNECT.
   if (mDisconnected && mDisconnectReason >= kFirstRefusal) {
     why = std::string("the broker closed the connection: ") + mosquitto_reason_string(mDisconnectReason);
   } else {
-    why = Why(rc == MOSQ_ERR_SUCCESS ? MOSQ_ERR_CONN_LOST : rc);
+    why = Why(code == MOSQ_ERR_SUCCESS ? MOSQ_ERR_CONN_LOST : code);
   }
   return false;
 }
@@ -167,6 +186,7 @@ void MqttSession::Disconnect() { mosquitto_disconnect_v5(mClient, MQTT_RC_NORMAL
 
 void MqttSession::OnConnect(mosquitto*, void* self, int reason, int, const mosquitto_property* properties) {
   auto* session = static_cast<MqttSession*>(self);
+  session->mAnswered = true;
   mosquitto_property_read_int32(properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, &session->mMaximumPacketSize, false);
   session->mListener.OnConnected(reason);
 }
