@@ -51,6 +51,9 @@ kdx_man_page(kendrivex-cli.1 1 Unspecified)
 kdx_man_page(kendrivex-ctl.1 1 Unspecified)
 kdx_man_page(kendrivex-sim.1 1 Unspecified)
 kdx_man_page(kendrivex_ipc.3 3 ipc_dev)
+# kendrivex-bridge's files are a component of their own, which no package
+# holds yet.
+kdx_man_page(kendrivex-bridge.8 8 bridge)
 
 # The Debian name of the target architecture, from the compiler's multiarch
 # triplet, so that a cross build is not labelled with the build machine's.

@@ -16,7 +16,14 @@ set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
 
 # Debian's cross C library, libstdc++ and dynamic loader live here.
 set(KDX_TARGET_ROOT /usr/${KDX_TARGET_TRIPLE})
-set(CMAKE_FIND_ROOT_PATH ${KDX_TARGET_ROOT})
+# libmosquitto and the libssl it needs come from Debian's armhf packages,
+# unpacked here by scripts/armhf_sysroot.sh rather than installed. The link
+# finds libmosquitto's own dependencies through -rpath-link.
+get_filename_component(KDX_TARGET_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../build/sysroot-armhf" ABSOLUTE)
+set(KDX_TARGET_SYSROOT_LIBS ${KDX_TARGET_SYSROOT}/usr/lib/${KDX_TARGET_TRIPLE})
+set(CMAKE_FIND_ROOT_PATH ${KDX_TARGET_ROOT} ${KDX_TARGET_SYSROOT})
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-Wl,-rpath-link,${KDX_TARGET_SYSROOT_LIBS}")
+set(CMAKE_SHARED_LINKER_FLAGS_INIT "-Wl,-rpath-link,${KDX_TARGET_SYSROOT_LIBS}")
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
@@ -24,9 +31,10 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 # No binfmt_misc registration is assumed, so every target executable that
 # CTest or the test discovery starts goes through the emulator explicitly;
-# -L makes the emulator load the target's libraries from the cross root.
+# -L makes the emulator load the target's libraries from the cross root, and
+# the library path set for the emulated program (-E) adds the unpacked ones.
 find_program(KDX_QEMU_ARM qemu-arm)
 if(NOT KDX_QEMU_ARM)
   message(FATAL_ERROR "qemu-arm not found (install the Debian package 'qemu-user')")
 endif()
-set(CMAKE_CROSSCOMPILING_EMULATOR ${KDX_QEMU_ARM} -L ${KDX_TARGET_ROOT})
+set(CMAKE_CROSSCOMPILING_EMULATOR ${KDX_QEMU_ARM} -L ${KDX_TARGET_ROOT} -E LD_LIBRARY_PATH=${KDX_TARGET_SYSROOT_LIBS})

@@ -6,6 +6,8 @@
 #   app    uses cli, ipc and util;
 #   tools/service_client, the tools' client core, uses ipc and util only:
 #          never cli, app or the tools built on it;
+#   tools/bridge, kendrivex-bridge, uses the client core, ipc and util only:
+#          never cli, app or the other tools;
 #   tools  use the client core, cli, ipc and util, never app.
 # No folder above includes anything of tests/ or bench/. An include names a
 # folder by its path ("ipc/ipc_client.h"): the longest layer that begins it,
@@ -25,12 +27,13 @@ endif()
 
 # The folders checked, and the project folders each may include from. A
 # layer inside another (the client core inside tools) is listed before it.
-set(kdxLayers cli util ipc app tools/service_client tools)
+set(kdxLayers cli util ipc app tools/service_client tools/bridge tools)
 set(kdxAllowed_cli cli)
 set(kdxAllowed_util util)
 set(kdxAllowed_ipc ipc util)
 set(kdxAllowed_app app cli ipc util)
 set(kdxAllowed_tools/service_client tools/service_client ipc util)
+set(kdxAllowed_tools/bridge tools/bridge tools/service_client ipc util)
 set(kdxAllowed_tools tools tools/service_client cli ipc util)
 # Every folder whose headers an include can name.
 set(kdxFolders ${kdxLayers} tests bench)

@@ -1,11 +1,11 @@
 #!/bin/sh
 # The launcher (KDX_TEST_LAUNCHER) of scripts/memcheck.sh: the end-to-end
-# tests put it before every program they start. The client runs under
-# valgrind memcheck, whose report goes to a file of its own in
-# $KDX_MEMCHECK_LOGS (never to the terminal the tests compare) and which
-# keeps the client's process id, signals and exit status; every other
-# program (the simulator, the test executable itself for a death test) runs
-# as it is.
+# tests put it before every program they start. The client and
+# kendrivex-bridge run under valgrind memcheck, whose report goes to a file
+# of its own in $KDX_MEMCHECK_LOGS (never to the terminal the tests compare)
+# and which keeps the program's process id, signals and exit status; every
+# other program (the simulator, the test executable itself for a death test)
+# runs as it is.
 #
 # A test that runs its programs behind a launcher passes environment entries
 # meant for the program itself (the preloaded system-log capture) in
@@ -22,7 +22,7 @@ if [ -n "${QEMU_SET_ENV:-}" ]; then
 fi
 
 case "$(basename "$1")" in
-  kendrivex-cli)
+  kendrivex-cli|kendrivex-bridge)
     exec valgrind --tool=memcheck --leak-check=full --show-leak-kinds=definite,indirect \
       --errors-for-leak-kinds=definite,indirect --child-silent-after-fork=yes \
       --log-file="$KDX_MEMCHECK_LOGS/memcheck.%p.log" "$@"

@@ -2,18 +2,25 @@
 # Runs the end-to-end session tests of the release build (tests/app: the real
 # client on a pseudo-terminal; all of app_test, but not the event flood, whose
 # speed goals valgrind's slowdown would fail) with the client under valgrind
-# memcheck, and fails unless the tests pass and every client run reports no
-# error and no byte definitely or indirectly lost. Uses the build that
-# scripts/test.sh made; builds nothing. Usage: scripts/memcheck.sh
+# memcheck, and the end-to-end tests of kendrivex-bridge (tests/tools/bridge,
+# against a broker of each test's own) with the bridge under it, and fails
+# unless the tests pass and every run of either program reports no error and
+# no byte definitely or indirectly lost. Uses the build that scripts/test.sh
+# made; builds nothing. Usage: scripts/memcheck.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 build=build/release
-if [ ! -x "$build/tests/app/app_test" ]; then
+if [ ! -x "$build/tests/app/app_test" ] || [ ! -x "$build/tests/tools/bridge/bridge_test" ]; then
   echo "memcheck: no release build with its tests; run scripts/test.sh first" >&2
   exit 1
 fi
 scripts/deps.sh valgrind
+client_tests='ClientSocketTest|DeviceCommandTest|DeviceCommandTimeoutTest|EndOfInputTest|HangUpTest|InterfaceTest'
+client_tests+='|LongLineTest|PidFilesTest|ServiceFaultTest|ServiceFaultTimeoutTest|SignalDuringRequestTest|SignalTest'
+client_tests+='|StartupTest'
+bridge_tests='BridgeOptionTest|BridgeCommandTest|BridgeEventTest|BridgeFaultTest|BridgeSecurityTest|BridgeRandomTest'
+bridge_tests+='|BridgeUnitFileTest'
 
 logs="$PWD/$build/memcheck"
 rm -rf "$logs"
@@ -23,17 +30,17 @@ export KDX_TEST_LAUNCHER="$PWD/scripts/memcheck-launcher.sh"
 ulimit -c 0
 
 start=$(date +%s)
-ctest --test-dir "$build" -R '^(Inputs/)?(ClientSocketTest|DeviceCommandTest|DeviceCommandTimeoutTest|EndOfInputTest|HangUpTest|InterfaceTest|LongLineTest|PidFilesTest|ServiceFaultTest|ServiceFaultTimeoutTest|SignalDuringRequestTest|SignalTest|StartupTest)\.' \
-  -j 4 --output-on-failure
+ctest --test-dir "$build" -R "^(Inputs/)?($client_tests|$bridge_tests)\." -j 4 --output-on-failure
 echo "memcheck tests took $(( $(date +%s) - start )) s"
 
-# Every client run leaves one report. A run that ended (exit, quit, a usage
-# error, SIGSEGV) ends its report with the error summary and the leak check:
-# it must show no error and nothing definitely or indirectly lost (blocks
-# still reachable at exit are allowed). A run that the test ended by killing
-# the client (a test that needs nothing after its last check lets its
-# pseudo-terminal runner kill the program) has no summary: its report must
-# hold nothing but valgrind's opening lines, i.e. no error up to the kill.
+# Every run leaves one report. A run that ended (exit, quit, a usage error,
+# a stop signal, SIGSEGV) ends its report with the error summary and the leak
+# check: it must show no error and nothing definitely or indirectly lost
+# (blocks still reachable at exit are allowed). A run that the test ended by
+# killing the program (a test that needs nothing after its last check lets
+# its runner kill it; the bridge's will is tested with SIGKILL) has no
+# summary: its report must hold nothing but valgrind's opening lines, i.e. no
+# error up to the kill.
 opening='^==[0-9]+== ( *|Memcheck, a memory error detector|Copyright \(C\).*|Using Valgrind.*|Command: .*|Parent PID: .*)$'
 failed=0
 ended=0
@@ -54,12 +61,12 @@ for report in "$logs"/memcheck.*.log; do
   failed=1
 done
 if [ $((ended + killed)) -eq 0 ]; then
-  echo "memcheck: no client ran under valgrind" >&2
+  echo "memcheck: no program ran under valgrind" >&2
   exit 1
 fi
 if [ "$failed" -ne 0 ]; then
   echo "memcheck: FAILED (reports above)" >&2
   exit 1
 fi
-echo "memcheck: $((ended + killed)) client runs: $ended ended with 0 errors and 0 bytes definitely or" \
+echo "memcheck: $((ended + killed)) runs: $ended ended with 0 errors and 0 bytes definitely or" \
   "indirectly lost, $killed killed by their test with no error up to then"

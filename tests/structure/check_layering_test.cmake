@@ -25,6 +25,8 @@ function(kdx_write_clean_tree root)
     "#pragma once\n#include \"ipc/ipc_client.h\"\n#include \"util/socket.h\"\n#include \"tools/service_client/failure.h\"\n")
   file(WRITE "${root}/tools/ctl/main.cpp"
     "#include \"tools/service_client/runner.h\"\n#include \"runner.h\"\n#include \"cli/console.h\"\n")
+  file(WRITE "${root}/tools/bridge/bridge.cpp"
+    "#include \"tools/service_client/runner.h\"\n#include \"ipc/ipc_client.h\"\n#include \"util/socket.h\"\n")
   file(WRITE "${root}/tests/support/helper.h" "#pragma once\n")
 endfunction()
 
@@ -86,6 +88,12 @@ kdx_expect_crossing(core_app tools/service_client/bad.cpp "#include \"app/global
   "tools/service_client/bad.cpp: includes \"app/globals.h\" of app/")
 kdx_expect_crossing(core_tools tools/service_client/bad.cpp "#include \"tools/ctl/arguments.h\""
   "tools/service_client/bad.cpp: includes \"tools/ctl/arguments.h\" of tools/")
+kdx_expect_crossing(bridge_cli tools/bridge/bad.cpp "#include \"cli/console.h\""
+  "tools/bridge/bad.cpp: includes \"cli/console.h\" of cli/")
+kdx_expect_crossing(bridge_app tools/bridge/bad.cpp "#include \"app/globals.h\""
+  "tools/bridge/bad.cpp: includes \"app/globals.h\" of app/")
+kdx_expect_crossing(bridge_ctl tools/bridge/bad.cpp "#include \"tools/ctl/arguments.h\""
+  "tools/bridge/bad.cpp: includes \"tools/ctl/arguments.h\" of tools/")
 kdx_expect_crossing(app_core app/bad.cpp "#include \"tools/service_client/runner.h\""
   "app/bad.cpp: includes \"tools/service_client/runner.h\" of tools/service_client/")
 kdx_expect_crossing(app_tests app/bad.cpp "#include \"tests/support/helper.h\""

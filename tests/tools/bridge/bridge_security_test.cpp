@@ -1,0 +1,237 @@
+// Security: TLS with the broker's certificate verified (by the authorities
+// given, or the system's), a client certificate, the password from a file,
+// and the README's access control list confining each box to its own topics.
+#include <signal.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "tests/tools/bridge/bridge_test.h"
+
+namespace zel::bridge::test {
+namespace {
+
+// Runs a tool of the build machine to its end; true when it exits with 0.
+bool RunTool(const std::vector<std::string>& argv) {
+  PipeProcess::Options options;
+  options.hostTool = true;
+  const Result result = PipeProcess::Run(argv, "", options);
+  EXPECT_EQ(result.exitCode, 0) << argv[0] << ": " << result.err;
+  return result.exitCode == 0;
+}
+
+// A certificate authority of the test's own, and a certificate it signed for
+// the broker (127.0.0.1) and one for a client.
+class Certificates {
+ public:
+  explicit Certificates(const TempDir& dir) : mDir(dir) {
+    std::ofstream(mDir.File("server.ext")) << "subjectAltName=IP:127.0.0.1\n";
+    Make("ca", "/CN=kendrivex test authority", "");
+    Make("server", "/CN=127.0.0.1", "server.ext");
+    Make("client", "/CN=box1", "");
+  }
+
+  std::string Ca() const { return mDir.File("ca.pem"); }
+  std::string Cert(const std::string& name) const { return mDir.File(name + ".pem"); }
+  std::string Key(const std::string& name) const { return mDir.File(name + ".key"); }
+
+ private:
+  void Make(const std::string& name, const std::string& subject, const std::string& extensions) {
+    const std::vector<std::string> key = {
+        "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", Key(name), "-subj", subject};
+    if (name == "ca") {
+      std::vector<std::string> argv = {"openssl", "req", "-x509", "-days", "2", "-out", Ca()};
+      argv.insert(argv.end(), key.begin(), key.end());
+      RunTool(argv);
+      return;
+    }
+    std::vector<std::string> request = {"openssl", "req", "-out", mDir.File(name + ".csr")};
+    request.insert(request.end(), key.begin(), key.end());
+    RunTool(request);
+    std::vector<std::string> sign = {"openssl", "x509", "-req",   "-in",     mDir.File(name + ".csr"),
+                                     "-CA",     Ca(),   "-CAkey", Key("ca"), "-CAcreateserial",
+                                     "-days",   "2",    "-out",   Cert(name)};
+    if (!extensions.empty()) {
+      sign.push_back("-extfile");
+      sign.push_back(mDir.File(extensions));
+    }
+    RunTool(sign);
+  }
+
+  const TempDir& mDir;
+};
+
+class BridgeSecurityTest : public BridgeTest {
+ protected:
+  // A broker with a TLS listener on a port of its own besides the plain one.
+  void StartTlsBroker(bool requireClientCertificate) {
+    certificates = std::make_unique<Certificates>(dir);
+    tlsPort = MqttBroker::FreePort();
+    broker.AddConfig({"listener " + std::to_string(tlsPort) + " 127.0.0.1", "cafile " + certificates->Ca(),
+                      "certfile " + certificates->Cert("server"), "keyfile " + certificates->Key("server"),
+                      requireClientCertificate ? "require_certificate true" : ""});
+    StartBroker();
+  }
+
+  std::string TlsUrl() const { return "mqtts://127.0.0.1:" + std::to_string(tlsPort); }
+
+  std::string WriteFile(const std::string& name, const std::string& text) {
+    std::string path = dir.File(name);
+    std::ofstream(path) << text;
+    return path;
+  }
+
+  // A broker that takes only the users of its password file (made with
+  // mosquitto_passwd), under `acl` when it is given.
+  void StartBrokerWithUsers(const std::vector<std::pair<std::string, std::string>>& users, const std::string& acl) {
+    const std::string passwords = dir.File("passwords");
+    for (size_t i = 0; i < users.size(); ++i) {
+      std::vector<std::string> argv = {"mosquitto_passwd", "-b", passwords, users[i].first, users[i].second};
+      if (i == 0) argv.insert(argv.begin() + 1, "-c");
+      ASSERT_TRUE(RunTool(argv));
+    }
+    std::vector<std::string> config = {"allow_anonymous false", "password_file " + passwords};
+    if (!acl.empty()) config.push_back("acl_file " + WriteFile("acl", acl));
+    broker.AddConfig(config);
+    StartBroker();
+  }
+
+  static MqttTestClient::Options User(const std::string& name, const std::string& password) {
+    MqttTestClient::Options options;
+    options.username = name;
+    options.password = password;
+    return options;
+  }
+
+  std::unique_ptr<Certificates> certificates;
+  int tlsPort = 0;
+};
+
+TEST_F(BridgeSecurityTest, TlsBrokerVouchedForByTheGivenAuthorityIsUsed) {
+  StartTlsBroker(false);
+  StartFake();
+  StartOnline({"-b", TlsUrl(), "--cafile", certificates->Ca()});
+  EXPECT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));
+}
+
+TEST_F(BridgeSecurityTest, TlsBrokerThatTheSystemDoesNotVouchForIsRefused) {
+  StartTlsBroker(false);
+  StartFake();
+  auto status = Client({Topic("status")});
+  StartBridge({"-b", TlsUrl()});
+  const std::string start =
+      "void zel::bridge::MqttLink::Lose(const std::string&) 2: cannot reach the broker at " + TlsUrl() + ": ";
+  ASSERT_TRUE(WaitForLogMatching([&](const std::string& text) {
+    return text.rfind(start, 0) == 0 && text.find("certificate verify failed") != std::string::npos &&
+           text.find("; trying again in 1 s\n") != std::string::npos;
+  }));
+  EXPECT_TRUE(status->Messages().empty());
+}
+
+TEST_F(BridgeSecurityTest, ClientCertificateIsPresentedToABrokerThatRequiresOne) {
+  StartTlsBroker(true);
+  StartFake();
+  StartOnline({"-b", TlsUrl(), "--cafile", certificates->Ca(), "--cert", certificates->Cert("client"), "--key",
+               certificates->Key("client")});
+  EXPECT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));
+}
+
+TEST_F(BridgeSecurityTest, PasswordComesFromTheFirstLineOfItsFile) {
+  StartBrokerWithUsers(
+      {
+          {"box1",   "s3cret word"},
+          {"tester", "t"          }
+  },
+      "");
+  StartFake();
+  // A file written on Windows has its line end too.
+  const std::string password = WriteFile("password", "s3cret word\r\nnot this line\n");
+  auto status = Client({Topic("status")}, User("tester", "t"));
+  StartBridge({"--username", "box1", "--password-file", password});
+  ASSERT_TRUE(WaitForStatus(*status, "online")) << bridge->Err();
+}
+
+TEST_F(BridgeSecurityTest, WrongPasswordIsRefusedAndTriedAgain) {
+  StartBrokerWithUsers(
+      {
+          {"box1", "right"}
+  },
+      "");
+  StartFake();
+  StartBridge({"--username", "box1", "--password-file", WriteFile("password", "wrong\n")});
+  const std::string refused = "void zel::bridge::MqttLink::Lose(const std::string&) 2: cannot reach the broker at " +
+                              broker.Url() + ": the broker refused the connection: Not authorized; trying again in ";
+  EXPECT_TRUE(WaitForLog(refused + "1 s\n"));
+  EXPECT_TRUE(WaitForLog(refused + "2 s\n"));
+}
+
+// The README's access control list, for the prefix kendrivex.
+const char kReadmeAcl[] =
+    "pattern readwrite kendrivex/%u/#\n"
+    "pattern read kendrivex/all/cmd\n"
+    "user operator\n"
+    "topic readwrite kendrivex/#\n";
+
+TEST_F(BridgeSecurityTest, ReadmeAccessListLetsEachBoxWorkOnItsOwnTopics) {
+  StartBrokerWithUsers(
+      {
+          {"box1",     "pw1"},
+          {"operator", "op" }
+  },
+      kReadmeAcl);
+  StartFake();
+  const std::string password = WriteFile("password", "pw1\n");
+  auto op = Client({"kendrivex/#"}, User("operator", "op"));
+  bridge = std::make_unique<PipeProcess>(
+      std::vector<std::string>{KDX_BRIDGE_PATH, "-s", ServicePath(), "-d", dir.path(), "-b", broker.Url(), "-i", "box1",
+                               "--username", "box1", "--password-file", password},
+      Options());
+  ASSERT_TRUE(op->WaitFor([](const std::vector<Message>& m) {
+    for (const Message& message : m) {
+      if (message.topic == "kendrivex/box1/status" && message.payload == "online") return true;
+    }
+    return false;
+  })) << bridge->Err();
+  ASSERT_TRUE(op->Request("kendrivex/box1/cmd", "ping", "kendrivex/box1/reply/op", std::string("1")));
+  ASSERT_TRUE(op->WaitForCount("kendrivex/box1/reply/op", 1));
+  EXPECT_EQ(op->PayloadsOn("kendrivex/box1/reply/op"), std::vector<std::string>{AnsweredPayload("ping", 1, {"PONG"})});
+  ASSERT_TRUE(op->Publish("kendrivex/all/cmd", "ping"));
+  ASSERT_TRUE(op->WaitForCount("kendrivex/box1/reply", 1));
+  EXPECT_EQ(op->PayloadsOn("kendrivex/box1/reply"), std::vector<std::string>{AnsweredPayload("ping", 1, {"PONG"})});
+}
+
+TEST_F(BridgeSecurityTest, ReadmeAccessListKeepsABoxOutOfAnotherBoxsTopics) {
+  StartBrokerWithUsers(
+      {
+          {"box1",     "pw1"},
+          {"operator", "op" }
+  },
+      kReadmeAcl);
+  StartFake();
+  auto op = Client({"kendrivex/#"}, User("operator", "op"));
+  bridge = std::make_unique<PipeProcess>(
+      std::vector<std::string>{KDX_BRIDGE_PATH, "-s", ServicePath(), "-d", dir.path(), "-b", broker.Url(), "-i", "box2",
+                               "--username", "box1", "--password-file", WriteFile("password", "pw1\n")},
+      Options());
+  // The broker takes the subscriptions (it passes on nothing it refuses to
+  // read) and refuses the publications.
+  EXPECT_TRUE(
+      WaitForLog("void zel::bridge::MqttLink::ReportRefusal(const std::string&, int) 1: the broker refused "
+                 "the publication on [kendrivex/box2/status]: Not authorized\n"));
+  // Its commands are not its own to read; those to every box are, but its
+  // replies cannot go out.
+  ASSERT_TRUE(op->Request("kendrivex/box2/cmd", "mac", "kendrivex/box2/reply", std::nullopt));
+  ASSERT_TRUE(op->Publish("kendrivex/all/cmd", "ping"));
+  ASSERT_TRUE(fake->WaitForRequestsFor(1, 1));
+  ExpectCleanStop(SIGTERM, std::chrono::seconds(2));
+  EXPECT_EQ(fake->RequestsFor(3).size(), 0u);
+  for (const Message& message : op->Messages()) {
+    if (message.topic.rfind("kendrivex/box2/", 0) == 0) {
+      EXPECT_EQ(message.topic, "kendrivex/box2/cmd");
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zel::bridge::test

@@ -1,0 +1,58 @@
+// kendrivex-bridge at run time: the link to the broker, the watch of the
+// service and the command worker, each on its own thread, and the queues
+// between them. Runs until a stop signal, then stops in this order:
+// "offline" published, the event socket unregistered, the socket files
+// removed, the broker disconnected. Made and run on the main thread, with the
+// stop signals blocked before it starts its threads (which inherit the
+// mask). Owns everything it starts.
+#pragma once
+
+#include <signal.h>
+
+#include "tools/bridge/command_intake.h"
+#include "tools/bridge/command_queue.h"
+#include "tools/bridge/command_worker.h"
+#include "tools/bridge/event_outbox.h"
+#include "tools/bridge/mqtt_link.h"
+#include "tools/bridge/reply_outbox.h"
+#include "tools/bridge/service_state.h"
+#include "tools/bridge/service_watch.h"
+#include "tools/bridge/settings.h"
+#include "tools/bridge/socket_files.h"
+#include "tools/bridge/topics.h"
+#include "tools/bridge/wakeup.h"
+
+namespace zel::bridge {
+
+class Bridge {
+ public:
+  explicit Bridge(const Settings& settings);
+  Bridge(const Bridge&) = delete;
+  Bridge& operator=(const Bridge&) = delete;
+
+  bool Ok() const { return mWakeup.Ok(); }
+  // Runs until one of `signals` (blocked on this thread) arrives, then stops.
+  // False when the stop left a command waiting for a stuck service: its
+  // socket files are removed, and the caller ends the process without
+  // waiting for it (true: every thread has ended).
+  bool Run(const sigset_t& signals);
+
+ private:
+  bool Stop();
+
+  const Settings& mSettings;
+  const Topics mTopics;
+  Wakeup mWakeup;
+  EventOutbox mEvents;
+  ReplyOutbox mReplies;
+  ServiceState mService;
+  CommandQueue mCommands;
+  SocketFiles mFiles;
+  CommandIntake mIntake;
+  // Destroyed first (in reverse order): the threads that use the above.
+  CommandWorker mWorker;
+  ServiceWatch mWatch;
+  MqttLink mLink;
+};
+
+}  // namespace zel::bridge
