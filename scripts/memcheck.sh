@@ -17,8 +17,8 @@ if [ ! -x "$build/tests/app/app_test" ] || [ ! -x "$build/tests/tools/bridge/bri
 fi
 scripts/deps.sh valgrind
 client_tests='ClientSocketTest|DeviceCommandTest|DeviceCommandTimeoutTest|EndOfInputTest|HangUpTest|InterfaceTest'
-client_tests+='|LongLineTest|PidFilesTest|ServiceFaultTest|ServiceFaultTimeoutTest|SignalDuringRequestTest|SignalTest'
-client_tests+='|StartupTest'
+client_tests+='|LongLineTest|PidFilesTest|PipedOutputTest|ServiceFaultTest|ServiceFaultTimeoutTest|SignalDuringRequestTest'
+client_tests+='|SignalTest|StartupTest'
 bridge_tests='BridgeOptionTest|BridgeCommandTest|BridgeEventTest|BridgeFaultTest|BridgeSecurityTest|BridgeRandomTest'
 bridge_tests+='|BridgeUnitFileTest'
 

@@ -157,6 +157,11 @@ bool PtyProcess::WaitForPipeOutput(const std::string& needle, milliseconds timeo
       timeout);
 }
 
+const std::string& PtyProcess::PipeOutput() {
+  ReadPipe();
+  return mPipeOutput;
+}
+
 void PtyProcess::ReadPipe() {
   if (mOutPipe < 0) return;
   char buffer[4096];

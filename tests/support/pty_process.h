@@ -78,8 +78,9 @@ class PtyProcess {
   // With OutputSink::Pipe: waits until the pipe has carried `needle`, taking
   // what the program has written so far and never waiting for its end.
   bool WaitForPipeOutput(const std::string& needle, milliseconds timeout = std::chrono::seconds(10));
-  // Everything the pipe has carried so far.
-  const std::string& PipeOutput() const { return mPipeOutput; }
+  // Everything the pipe has carried so far: what the waits took, and what it
+  // holds now (a prompt written since the last wait ended, say).
+  const std::string& PipeOutput();
 
   void Signal(int signo);
 

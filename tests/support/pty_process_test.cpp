@@ -136,6 +136,16 @@ TEST(PtyProcessTest, StandardOutputCanBeAPipeReadWhileTheProgramRuns) {
   EXPECT_EQ(probe.Output(), "");
 }
 
+TEST(PtyProcessTest, PipedOutputHoldsWhatNoWaitHasTakenYet) {
+  PtyProcess::Options options;
+  options.output = PtyProcess::OutputSink::Pipe;
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "keys"}, options);
+  // The probe writes its prompt before it waits for a key, and nothing has
+  // waited for the pipe since.
+  ASSERT_TRUE(probe.WaitForKeyRead());
+  EXPECT_EQ(probe.PipeOutput(), "key>");
+}
+
 TEST(PtyProcessTest, PipedOutputIsCollectedToItsEndWhenTheProgramEnds) {
   PtyProcess::Options options;
   options.output = PtyProcess::OutputSink::Pipe;

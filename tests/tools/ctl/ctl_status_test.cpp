@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "kdx_test_paths.h"
 #include "tests/tools/ctl/ctl_test.h"
 
 namespace zel::ctl::test {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "kdx_test_paths.h"
 #include "tests/support/syslog_file.h"
 
 namespace zel::ctl::test {

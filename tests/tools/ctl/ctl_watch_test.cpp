@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "kdx_test_paths.h"
 #include "tests/support/syslog_file.h"
 #include "tests/support/wait_until.h"
 #include "tests/tools/ctl/ctl_test.h"
