@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "tools/bridge/mqtt_properties.h"
 #include "tools/service_client/failure.h"
 
 namespace zel::bridge {
@@ -25,29 +26,6 @@ constexpr int kFirstRefusal = 0x80;
 int NoPassphrase(char*, int, int, void*) { return 0; }
 
 const char* OrNull(const std::string& text) { return text.empty() ? nullptr : text.c_str(); }
-
-// Frees a property list at the end of its scope.
-struct Properties {
-  mosquitto_property* list = nullptr;
-  ~Properties() { mosquitto_property_free_all(&list); }
-};
-
-std::optional<std::string> ReadString(const mosquitto_property* properties, int identifier) {
-  char* value = nullptr;
-  if (mosquitto_property_read_string(properties, identifier, &value, false) == nullptr) return std::nullopt;
-  std::string text = value;
-  std::free(value);
-  return text;
-}
-
-std::optional<std::string> ReadBinary(const mosquitto_property* properties, int identifier) {
-  void* value = nullptr;
-  uint16_t length = 0;
-  if (mosquitto_property_read_binary(properties, identifier, &value, &length, false) == nullptr) return std::nullopt;
-  std::string bytes(static_cast<const char*>(value), length);
-  std::free(value);
-  return bytes;
-}
 
 }  // namespace
 
@@ -173,7 +151,7 @@ bool MqttSession::SubscribeCommands(int& mid) {
 
 int MqttSession::Publish(const std::string& topic, const std::string& payload, bool retain,
                          const std::optional<std::string>& correlation, int& mid) {
-  Properties properties;
+  MqttProperties properties;
   if (correlation) {
     mosquitto_property_add_binary(&properties.list, MQTT_PROP_CORRELATION_DATA, correlation->data(),
                                   static_cast<uint16_t>(correlation->size()));
@@ -213,8 +191,8 @@ void MqttSession::OnMessage(mosquitto*, void* self, const mosquitto_message* mes
   if (message->payloadlen > 0) {
     incoming.payload.assign(static_cast<const char*>(message->payload), static_cast<size_t>(message->payloadlen));
   }
-  incoming.responseTopic = ReadString(properties, MQTT_PROP_RESPONSE_TOPIC);
-  incoming.correlation = ReadBinary(properties, MQTT_PROP_CORRELATION_DATA);
+  incoming.responseTopic = ReadStringProperty(properties, MQTT_PROP_RESPONSE_TOPIC);
+  incoming.correlation = ReadBinaryProperty(properties, MQTT_PROP_CORRELATION_DATA);
   static_cast<MqttSession*>(self)->mListener.OnMessage(incoming);
 }
 

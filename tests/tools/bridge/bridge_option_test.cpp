@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "kdx_test_paths.h"
 #include "tests/support/syslog_file.h"
 #include "tests/tools/bridge/bridge_test.h"
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "kdx_test_paths.h"
 #include "tests/support/launcher.h"
 #include "tests/support/syslog_file.h"
 #include "tests/support/wait_until.h"
