@@ -6,38 +6,18 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "tools/bridge/mqtt_properties.h"
+
 namespace zel::bench {
 namespace {
+
+using ::zel::bridge::MqttProperties;
+using ::zel::bridge::ReadBinaryProperty;
+using ::zel::bridge::ReadStringProperty;
 
 constexpr int kQos = 1;
 constexpr int kKeepAliveSeconds = 60;
 constexpr std::chrono::seconds kHandshakeTime(10);
-
-// Frees a property list at the end of its scope.
-struct Properties {
-  mosquitto_property* list = nullptr;
-  Properties() = default;
-  Properties(const Properties&) = delete;
-  Properties& operator=(const Properties&) = delete;
-  ~Properties() { mosquitto_property_free_all(&list); }
-};
-
-std::optional<std::string> ReadString(const mosquitto_property* properties, int identifier) {
-  char* value = nullptr;
-  if (mosquitto_property_read_string(properties, identifier, &value, false) == nullptr) return std::nullopt;
-  std::string text = value;
-  std::free(value);
-  return text;
-}
-
-std::optional<std::string> ReadBinary(const mosquitto_property* properties, int identifier) {
-  void* value = nullptr;
-  uint16_t length = 0;
-  if (mosquitto_property_read_binary(properties, identifier, &value, &length, false) == nullptr) return std::nullopt;
-  std::string bytes(static_cast<const char*>(value), length);
-  std::free(value);
-  return bytes;
-}
 
 }  // namespace
 
@@ -85,7 +65,7 @@ bool BenchClient::Subscribe(const std::string& filter) {
 
 bool BenchClient::Publish(const std::string& topic, const std::string& payload, const std::string& responseTopic,
                           const std::string& correlation) {
-  Properties properties;
+  MqttProperties properties;
   if (!responseTopic.empty()) {
     mosquitto_property_add_string(&properties.list, MQTT_PROP_RESPONSE_TOPIC, responseTopic.c_str());
   }
@@ -128,8 +108,8 @@ void BenchClient::OnMessageCb(mosquitto*, void* self, const mosquitto_message* m
   if (message->payloadlen > 0) {
     incoming.payload.assign(static_cast<const char*>(message->payload), static_cast<size_t>(message->payloadlen));
   }
-  incoming.responseTopic = ReadString(properties, MQTT_PROP_RESPONSE_TOPIC);
-  incoming.correlation = ReadBinary(properties, MQTT_PROP_CORRELATION_DATA);
+  incoming.responseTopic = ReadStringProperty(properties, MQTT_PROP_RESPONSE_TOPIC);
+  incoming.correlation = ReadBinaryProperty(properties, MQTT_PROP_CORRELATION_DATA);
   client->mOnMessage(incoming);
 }
 

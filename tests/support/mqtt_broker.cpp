@@ -91,10 +91,20 @@ bool MqttBroker::Start(std::chrono::milliseconds timeout) {
 bool MqttBroker::Stop(std::chrono::milliseconds timeout) {
   if (!Running()) return true;
   mProcess->Signal(SIGTERM);
+  // A paused broker takes the signal once it runs again.
+  mProcess->Signal(SIGCONT);
   const bool ended = mProcess->WaitForExit(timeout).has_value();
   mPastLog += mProcess->Err();
   mProcess.reset();
   return ended;
+}
+
+void MqttBroker::Pause() {
+  if (Running()) mProcess->Signal(SIGSTOP);
+}
+
+void MqttBroker::Resume() {
+  if (Running()) mProcess->Signal(SIGCONT);
 }
 
 std::string MqttBroker::Log() const { return mPastLog + (mProcess ? mProcess->Err() : std::string()); }

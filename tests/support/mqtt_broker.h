@@ -40,6 +40,10 @@ class MqttBroker {
   // SIGTERM, and waits for its end; false when it does not end in time.
   bool Stop(std::chrono::milliseconds timeout = std::chrono::seconds(10));
   bool Running() const { return mProcess != nullptr; }
+  // SIGSTOP, then SIGCONT: a broker that takes nothing for a while, its
+  // connections kept open (a running one only).
+  void Pause();
+  void Resume();
   // What the broker has written (its log goes to standard error).
   std::string Log() const;
 

@@ -6,9 +6,14 @@
 #include <stdexcept>
 
 #include "tests/support/wait_until.h"
+#include "tools/bridge/mqtt_properties.h"
 
 namespace zel::test {
 namespace {
+
+using ::zel::bridge::MqttProperties;
+using ::zel::bridge::ReadBinaryProperty;
+using ::zel::bridge::ReadStringProperty;
 
 constexpr int kKeepAliveSeconds = 60;
 constexpr std::chrono::seconds kAnswerTime(10);
@@ -16,29 +21,6 @@ constexpr std::chrono::seconds kAnswerTime(10);
 void InitLibrary() {
   static std::once_flag once;
   std::call_once(once, [] { mosquitto_lib_init(); });
-}
-
-// Frees a property list at the end of its scope.
-struct Properties {
-  mosquitto_property* list = nullptr;
-  ~Properties() { mosquitto_property_free_all(&list); }
-};
-
-std::optional<std::string> ReadString(const mosquitto_property* properties, int identifier) {
-  char* value = nullptr;
-  if (mosquitto_property_read_string(properties, identifier, &value, false) == nullptr) return std::nullopt;
-  std::string text = value;
-  free(value);
-  return text;
-}
-
-std::optional<std::string> ReadBinary(const mosquitto_property* properties, int identifier) {
-  void* value = nullptr;
-  uint16_t length = 0;
-  if (mosquitto_property_read_binary(properties, identifier, &value, &length, false) == nullptr) return std::nullopt;
-  std::string bytes(static_cast<const char*>(value), length);
-  free(value);
-  return bytes;
 }
 
 }  // namespace
@@ -101,7 +83,7 @@ bool MqttTestClient::Publish(const std::string& topic, const std::string& payloa
 
 bool MqttTestClient::Request(const std::string& topic, const std::string& payload, const std::string& responseTopic,
                              const std::optional<std::string>& correlation, int qos) {
-  Properties properties;
+  MqttProperties properties;
   mosquitto_property_add_string(&properties.list, MQTT_PROP_RESPONSE_TOPIC, responseTopic.c_str());
   if (correlation) {
     mosquitto_property_add_binary(&properties.list, MQTT_PROP_CORRELATION_DATA, correlation->data(),
@@ -186,8 +168,8 @@ void MqttTestClient::OnMessage(mosquitto*, void* self, const mosquitto_message* 
   received.payload.assign(static_cast<const char*>(message->payload), static_cast<size_t>(message->payloadlen));
   received.qos = message->qos;
   received.retain = message->retain;
-  received.responseTopic = ReadString(properties, MQTT_PROP_RESPONSE_TOPIC);
-  received.correlation = ReadBinary(properties, MQTT_PROP_CORRELATION_DATA);
+  received.responseTopic = ReadStringProperty(properties, MQTT_PROP_RESPONSE_TOPIC);
+  received.correlation = ReadBinaryProperty(properties, MQTT_PROP_CORRELATION_DATA);
   std::lock_guard<std::mutex> lock(client->mMutex);
   client->mMessages.push_back(std::move(received));
   client->mChanged.notify_all();

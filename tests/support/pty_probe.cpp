@@ -71,6 +71,12 @@ int main(int argc, char** argv) {
     std::printf("logged\n");
     return 3;
   }
+  if (std::strcmp(mode, "masked") == 0) {
+    setlogmask(LOG_UPTO(LOG_WARNING));  // NOLINT(concurrency-mt-unsafe): the probe has one thread
+    syslog(LOG_INFO, "left out\n");
+    syslog(LOG_WARNING, "kept\n");
+    return 0;
+  }
   if (std::strcmp(mode, "keys") == 0) return ReadKeysUntilQ();
   if (std::strcmp(mode, "catch") == 0) {
     struct sigaction action = {};
@@ -93,6 +99,6 @@ int main(int argc, char** argv) {
     std::printf("to stdout\n");
     return 0;
   }
-  std::printf("usage: %s log|keys|catch|pid|stdin|stderr\n", argv[0]);
+  std::printf("usage: %s log|masked|keys|catch|pid|stdin|stderr\n", argv[0]);
   return 1;
 }

@@ -24,6 +24,16 @@ TEST(SyslogFileTest, PreloadedLibraryWritesEveryRecordOfARealProgram) {
   }));
 }
 
+TEST(SyslogFileTest, PreloadedLibraryLeavesOutWhatTheProgramsLogMaskLeavesOut) {
+  TempDir dir;
+  const std::string logFile = dir.File("syslog");
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "masked"}, {SyslogCaptureEnv(logFile), ""});
+  ASSERT_TRUE(probe.WaitForExit().has_value());
+  EXPECT_EQ(ReadSyslogFile(logFile), (std::vector<LogRecord>{
+                                         {LOG_WARNING, "kept\n"}
+  }));
+}
+
 TEST(SyslogFileTest, PreloadedLibraryLeavesTheTerminalOutputAlone) {
   TempDir dir;
   PtyProcess probe({KDX_PTY_PROBE_PATH, "log"}, {SyslogCaptureEnv(dir.File("syslog")), ""});

@@ -1,10 +1,12 @@
 // Preloadable syslog capture for end-to-end runs of real binaries. With
-// KDX_SYSLOG_FILE set, every record is appended to that file as
+// KDX_SYSLOG_FILE set, every record that the program's log mask (setlogmask)
+// lets through, as the C library's would, is appended to that file as
 //   "<priority> <length>\n<text>\n"
 // in one write, so records from several threads never interleave. Without the
 // variable, records go on to the C library's vsyslog.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -32,6 +34,9 @@ void Capture(int priority, const char* format, va_list args) {
     errno = savedErrno;
     return;
   }
+  // setlogmask(0) reads the mask without changing it.
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): only reads it, under the C library's own lock
+  if ((setlogmask(0) & LOG_MASK(LOG_PRI(priority))) == 0) return;
   const std::string text = zel::test::FormatSyslog(format, args, savedErrno);
   char header[48];
   std::snprintf(header, sizeof header, "%d %zu\n", priority, text.size());

@@ -9,30 +9,62 @@ namespace {
 
 constexpr char kTrimText[] = "void zel::bridge::EventOutbox::Trim()";
 
+// A waiting Push is woken once this many are left, so that the event thread
+// hands over a batch at a time rather than one event per wake-up.
+constexpr size_t kRoomAgain = EventOutbox::kOnlineRoom / 2;
+
 }  // namespace
 
 void EventOutbox::Push(OutgoingEvent event) {
+  bool first = false;
   {
-    std::lock_guard<std::mutex> lock(mMutex);
+    std::unique_lock<std::mutex> lock(mMutex);
+    if (mOnline && !mNoWaiting && mEvents.size() >= kOnlineRoom) {
+      ++mPushesWaiting;
+      mRoom.wait(lock, [this] { return !mOnline || mNoWaiting || mEvents.size() < kOnlineRoom; });
+      --mPushesWaiting;
+    }
+    first = mEvents.empty();
     mEvents.push_back(std::move(event));
     Trim();
   }
-  mWakeup.Notify();
+  // The link takes every waiting event each time it looks, so it needs
+  // waking only for the first.
+  if (first) mWakeup.Notify();
 }
 
 bool EventOutbox::Pop(OutgoingEvent& event) {
-  std::lock_guard<std::mutex> lock(mMutex);
-  if (mEvents.empty()) return false;
-  event = std::move(mEvents.front());
-  mEvents.pop_front();
+  bool room = false;
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (mEvents.empty()) return false;
+    event = std::move(mEvents.front());
+    mEvents.pop_front();
+    // A Push waits only while the outbox is full, so on its way down the
+    // count passes this mark.
+    room = mPushesWaiting != 0 && mEvents.size() == kRoomAgain;
+  }
+  if (room) mRoom.notify_all();
   return true;
 }
 
 void EventOutbox::SetOnline(bool online, std::list<OutgoingEvent> unacknowledged) {
-  std::lock_guard<std::mutex> lock(mMutex);
-  mOnline = online;
-  mEvents.splice(mEvents.begin(), unacknowledged);
-  Trim();
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mOnline = online;
+    mEvents.splice(mEvents.begin(), unacknowledged);
+    Trim();
+  }
+  // A Push that waits for room goes on under the broker-away bound.
+  if (!online) mRoom.notify_all();
+}
+
+void EventOutbox::StopWaiting() {
+  {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mNoWaiting = true;
+  }
+  mRoom.notify_all();
 }
 
 uint64_t EventOutbox::TakeDropped() {
@@ -45,6 +77,11 @@ uint64_t EventOutbox::TakeDropped() {
 size_t EventOutbox::Waiting() const {
   std::lock_guard<std::mutex> lock(mMutex);
   return mEvents.size();
+}
+
+bool EventOutbox::PushWaits() const {
+  std::lock_guard<std::mutex> lock(mMutex);
+  return mPushesWaiting != 0;
 }
 
 void EventOutbox::Trim() {

@@ -87,5 +87,11 @@ int main(int argc, char** argv) {
     return core::kStatusOk;
   }
   openlog(kProgram, invocation.settings.verbose ? LOG_PERROR : 0, LOG_DAEMON);
+  // Without --verbose the IPC client's records of each request, reply and
+  // event (LOG_DEBUG) are left out: each would be formatted and sent for
+  // every command and event, where the bridge's own lifecycle records, its
+  // warnings and errors always go.
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): set on the main thread before any other starts
+  if (!invocation.settings.verbose) setlogmask(LOG_UPTO(LOG_INFO));
   return Run(invocation.settings);
 }

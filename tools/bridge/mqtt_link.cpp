@@ -4,7 +4,6 @@
 #include <syslog.h>
 
 #include <algorithm>
-#include <cerrno>
 
 // Everything libmosquitto does happens on this thread: the session's
 // callbacks run inside Step, and a callback that ends the connection only
@@ -87,8 +86,8 @@ void MqttLink::Run() {
     } else {
       DropReplies();
     }
-    Wait();
-    if (mSession) Step();
+    const short ready = Wait();
+    if (mSession) Step(ready);
   }
   Disconnect();
 }
@@ -126,7 +125,7 @@ void MqttLink::Lose(const std::string& why) {
          wasOnline ? "lost" : "cannot reach", mBrokerUrl.c_str(), why.c_str(), wait);
 }
 
-void MqttLink::Wait() {
+short MqttLink::Wait() {
   pollfd fds[2] = {
       {mWakeup.Fd(), POLLIN, 0},
       {-1,           0,      0}
@@ -140,13 +139,14 @@ void MqttLink::Wait() {
   int timeout = kTickMs;
   if (!mSession && !mGoOffline) timeout = std::min(timeout, mNextAttempt.LeftMs());
   if (Handshaking()) timeout = std::min(timeout, mConnectDeadline.LeftMs());
-  if (::poll(fds, count, timeout) < 0 && errno != EINTR) return;
+  if (::poll(fds, count, timeout) < 0) return 0;
   if ((fds[0].revents & POLLIN) != 0) mWakeup.Drain();
+  return fds[1].revents;
 }
 
-void MqttLink::Step() {
+void MqttLink::Step(short ready) {
   std::string why;
-  const bool alive = mSession->Step(why);
+  const bool alive = mSession->Step((ready & (POLLIN | POLLERR | POLLHUP)) != 0, (ready & POLLOUT) != 0, why);
   // A callback's reason says more than libmosquitto's error after it (a
   // refused connection ends in a protocol error).
   if (!mLostWhy.empty()) {
@@ -185,8 +185,9 @@ void MqttLink::Disconnect() {
     // connection once it has.
     const zel::ipc::WaitDeadline deadline(std::chrono::microseconds(kDisconnectTime).count());
     std::string why;
-    while (mSession->WantWrite() && deadline.LeftUs() != 0 && mSession->Step(why)) {
-      pollfd fd = {mSession->Fd(), POLLOUT, 0};
+    pollfd fd = {mSession->Fd(), POLLOUT, 0};
+    while (mSession->WantWrite() && deadline.LeftUs() != 0 && mSession->Step(false, (fd.revents & POLLOUT) != 0, why)) {
+      fd = {mSession->Fd(), POLLOUT, 0};
       ::poll(&fd, 1, deadline.LeftMs());
     }
   }

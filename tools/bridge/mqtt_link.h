@@ -69,8 +69,10 @@ class MqttLink : private MqttSession::Listener {
   // The connection failed or was lost: what the broker had not acknowledged
   // goes back to the outbox, and the next attempt waits for the back-off.
   void Lose(const std::string& why);
-  void Wait();
-  void Step();
+  // Waits for the wakeup, the connection or the next thing due; what the
+  // connection's descriptor is ready for (poll's revents).
+  short Wait();
+  void Step(short ready);
   void StartOffline();
   void FinishOffline();
   void Disconnect();

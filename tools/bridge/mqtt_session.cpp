@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "tools/bridge/mqtt_properties.h"
 #include "tools/service_client/failure.h"
 
 namespace zel::bridge {
@@ -25,29 +26,6 @@ constexpr int kFirstRefusal = 0x80;
 int NoPassphrase(char*, int, int, void*) { return 0; }
 
 const char* OrNull(const std::string& text) { return text.empty() ? nullptr : text.c_str(); }
-
-// Frees a property list at the end of its scope.
-struct Properties {
-  mosquitto_property* list = nullptr;
-  ~Properties() { mosquitto_property_free_all(&list); }
-};
-
-std::optional<std::string> ReadString(const mosquitto_property* properties, int identifier) {
-  char* value = nullptr;
-  if (mosquitto_property_read_string(properties, identifier, &value, false) == nullptr) return std::nullopt;
-  std::string text = value;
-  std::free(value);
-  return text;
-}
-
-std::optional<std::string> ReadBinary(const mosquitto_property* properties, int identifier) {
-  void* value = nullptr;
-  uint16_t length = 0;
-  if (mosquitto_property_read_binary(properties, identifier, &value, &length, false) == nullptr) return std::nullopt;
-  std::string bytes(static_cast<const char*>(value), length);
-  std::free(value);
-  return bytes;
-}
 
 }  // namespace
 
@@ -132,15 +110,34 @@ int MqttSession::Fd() const { return mClient != nullptr ? mosquitto_socket(mClie
 
 bool MqttSession::WantWrite() const { return mClient != nullptr && mosquitto_want_write(mClient); }
 
-bool MqttSession::Step(std::string& why) {
-  const int rc = mosquitto_loop(mClient, 0, 1);
-  if (rc == MOSQ_ERR_SUCCESS && !mDisconnected) return true;
+// The link's own poll says what the descriptor is ready for, so libmosquitto's
+// parts of mosquitto_loop are called without the wait of its own that it
+// would make first. The order is mosquitto_loop's: read, write, then the
+// keep-alive.
+bool MqttSession::Step(bool readable, bool writable, std::string& why) {
+  // Until the broker has answered, libmosquitto carries a TLS handshake on
+  // from its read, which may be what a writable descriptor waits for.
+  if (readable || (writable && !mAnswered)) {
+    const int rc = mosquitto_loop_read(mClient, 1);
+    if (rc != MOSQ_ERR_SUCCESS || mosquitto_socket(mClient) < 0) return Alive(rc, why);
+  }
+  // What the callbacks queued; a write to a full descriptor leaves the rest
+  // waiting for POLLOUT.
+  if (mosquitto_want_write(mClient)) {
+    const int rc = mosquitto_loop_write(mClient, 1);
+    if (rc != MOSQ_ERR_SUCCESS || mosquitto_socket(mClient) < 0) return Alive(rc, why);
+  }
+  return Alive(mosquitto_loop_misc(mClient), why);
+}
+
+bool MqttSession::Alive(int code, std::string& why) const {
+  if (code == MOSQ_ERR_SUCCESS && !mDisconnected) return true;
   // libmosquitto reports a lost connection with one of its own error numbers,
   // which are all below the MQTT reason codes of a broker's DISCONNECT.
   if (mDisconnected && mDisconnectReason >= kFirstRefusal) {
     why = std::string("the broker closed the connection: ") + mosquitto_reason_string(mDisconnectReason);
   } else {
-    why = Why(rc == MOSQ_ERR_SUCCESS ? MOSQ_ERR_CONN_LOST : rc);
+    why = Why(code == MOSQ_ERR_SUCCESS ? MOSQ_ERR_CONN_LOST : code);
   }
   return false;
 }
@@ -154,7 +151,7 @@ bool MqttSession::SubscribeCommands(int& mid) {
 
 int MqttSession::Publish(const std::string& topic, const std::string& payload, bool retain,
                          const std::optional<std::string>& correlation, int& mid) {
-  Properties properties;
+  MqttProperties properties;
   if (correlation) {
     mosquitto_property_add_binary(&properties.list, MQTT_PROP_CORRELATION_DATA, correlation->data(),
                                   static_cast<uint16_t>(correlation->size()));
@@ -167,6 +164,7 @@ void MqttSession::Disconnect() { mosquitto_disconnect_v5(mClient, MQTT_RC_NORMAL
 
 void MqttSession::OnConnect(mosquitto*, void* self, int reason, int, const mosquitto_property* properties) {
   auto* session = static_cast<MqttSession*>(self);
+  session->mAnswered = true;
   mosquitto_property_read_int32(properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, &session->mMaximumPacketSize, false);
   session->mListener.OnConnected(reason);
 }
@@ -193,8 +191,8 @@ void MqttSession::OnMessage(mosquitto*, void* self, const mosquitto_message* mes
   if (message->payloadlen > 0) {
     incoming.payload.assign(static_cast<const char*>(message->payload), static_cast<size_t>(message->payloadlen));
   }
-  incoming.responseTopic = ReadString(properties, MQTT_PROP_RESPONSE_TOPIC);
-  incoming.correlation = ReadBinary(properties, MQTT_PROP_CORRELATION_DATA);
+  incoming.responseTopic = ReadStringProperty(properties, MQTT_PROP_RESPONSE_TOPIC);
+  incoming.correlation = ReadBinaryProperty(properties, MQTT_PROP_CORRELATION_DATA);
   static_cast<MqttSession*>(self)->mListener.OnMessage(incoming);
 }
 

@@ -57,9 +57,11 @@ class MqttSession {
   // something to write.
   int Fd() const;
   bool WantWrite() const;
-  // Reads, writes and keeps the connection alive, as far as it can without
-  // waiting; false with the reason once the connection is gone.
-  bool Step(std::string& why);
+  // Reads (when the descriptor is `readable`), writes what waits and keeps
+  // the connection alive, as far as it can without waiting; false with the
+  // reason once the connection is gone. `writable` matters only until the
+  // broker has answered the connection: a TLS handshake may wait for it.
+  bool Step(bool readable, bool writable, std::string& why);
 
   // Subscribes to the box's two command topics (P/cmd, then PREFIX/all/cmd)
   // at QoS 1, without the retained messages there; false when it cannot be
@@ -81,6 +83,8 @@ class MqttSession {
 
  private:
   bool Configure(std::string& why);
+  // Step's result for libmosquitto's `code`.
+  bool Alive(int code, std::string& why) const;
   bool ConfigureTls(std::string& why);
   std::string Why(int code) const;
 
@@ -99,6 +103,7 @@ class MqttSession {
   mosquitto* mClient = nullptr;
   // The broker's reason for closing the connection, when it gave one.
   int mDisconnectReason = 0;
+  bool mAnswered = false;  // the broker has answered the connection
   uint32_t mMaximumPacketSize = 0;
   bool mDisconnected = false;
   // libmosquitto's last error message (a TLS failure's details).

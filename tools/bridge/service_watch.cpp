@@ -31,6 +31,9 @@ void ServiceWatch::Stop() {
     if (mWatch != nullptr) mWatch->Stop();
   }
   mStopChanged.notify_all();
+  // The thread may wait for room in the outbox, which a broker that stopped
+  // acknowledging would never make.
+  mEvents.StopWaiting();
   if (mThread.joinable()) mThread.join();
 }
 

@@ -2,8 +2,9 @@
 // the client core's watch, made again every second while the service is not
 // there to register with. Each event goes to the outbox as P/event/N, its
 // payload the line kendrivex-ctl watch --json prints for it (without the
-// newline); each coming and going goes to the service state. Owns its thread
-// and, on that thread, the watch.
+// newline), waiting for room there while the broker is there; each coming
+// and going goes to the service state. Owns its thread and, on that thread,
+// the watch.
 #pragma once
 
 #include <condition_variable>
@@ -29,8 +30,9 @@ class ServiceWatch {
   ServiceWatch& operator=(const ServiceWatch&) = delete;
 
   void Start();
-  // Ends the watch: it unregisters from a live service (waiting at most the
-  // reply time-out) and removes its socket files; then the thread ends.
+  // Ends the watch, and an event's wait for room in the outbox: it
+  // unregisters from a live service (waiting at most the reply time-out) and
+  // removes its socket files; then the thread ends.
   void Stop();
 
  private:

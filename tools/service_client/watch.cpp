@@ -205,7 +205,11 @@ class Watch::State {
     return true;
   }
 
+  // The descriptor is woken only for a notice that finds the queue empty:
+  // it stays readable until Take has emptied the queue, and the taker takes
+  // every notice each time it wakes.
   void OnEvent(zel::ipc::IPCEvent& event) {
+    bool first = false;
     {
       std::unique_lock<std::mutex> lock(mMutex);
       mRoom.wait(lock, [this] { return mClosed || mEvents < kQueueCapacity; });
@@ -213,10 +217,11 @@ class Watch::State {
       Notice notice;
       notice.event = std::move(event);
       notice.time = WallClock();
+      first = mNotices.empty();
       mNotices.push_back(std::move(notice));
       ++mEvents;
     }
-    Wake(mWakeFd);
+    if (first) Wake(mWakeFd);
   }
 
   // A change of the service: never waits for room, since it comes from the
@@ -225,11 +230,13 @@ class Watch::State {
     Notice notice;
     notice.kind = kind;
     notice.time = WallClock();
+    bool first = false;
     {
       std::lock_guard<std::mutex> lock(mMutex);
+      first = mNotices.empty();
       mNotices.push_back(std::move(notice));
     }
-    Wake(mWakeFd);
+    if (first) Wake(mWakeFd);
   }
 
   void NoteDown() {

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "kdx_test_paths.h"
 #include "tests/support/wait_until.h"
 #include "tests/tools/bridge/bridge_test.h"
 

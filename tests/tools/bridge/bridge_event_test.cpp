@@ -29,7 +29,12 @@ namespace {
 
 class BridgeEventTest : public BridgeTest {
  protected:
-  void SetUp() override { StartBroker(); }
+  void SetUp() override {
+    // The broker keeps every message for a subscriber that falls behind, so
+    // that what a subscriber misses is the bridge's doing.
+    broker.AddConfig({"max_queued_messages 0"});
+    StartBroker();
+  }
 };
 
 TEST_F(BridgeEventTest, EachEventGoesOutOnItsNumberAsTheWatchsJsonLine) {
@@ -50,6 +55,31 @@ TEST_F(BridgeEventTest, EachEventGoesOutOnItsNumberAsTheWatchsJsonLine) {
   EXPECT_TRUE(IsEventPayload(events[1].payload, 12, {}));
   EXPECT_EQ(events[2].topic, Topic("event/7"));
   EXPECT_TRUE(IsEventPayload(events[2].payload, 7, {"a", "", "b", "\xef\xbf\xbd"}));
+}
+
+TEST_F(BridgeEventTest, BurstBeyondWhatTheBridgeHoldsArrivesCompleteAndInOrder) {
+  StartFake();
+  StartOnline();
+  auto subscriber = Client({Topic("event/#")});
+  const std::string eventPath = EventPath();
+  // While the broker takes nothing, the bridge holds what it can (1024
+  // waiting, 256 unacknowledged) and the rest waits in the event socket's
+  // queue and the service's sends; then everything goes through.
+  constexpr int kBurst = 2500;
+  constexpr int kBeyondTheBridge = 1800;
+  broker.Pause();
+  EventBurst burst(*fake, eventPath, kBurst);
+  const bool filled = burst.WaitForSent(kBeyondTheBridge);
+  broker.Resume();
+  ASSERT_TRUE(filled) << burst.Sent();
+  ASSERT_EQ(burst.Finish(), kBurst);
+  ASSERT_TRUE(subscriber->WaitForCount(Topic("event/1"), kBurst, std::chrono::seconds(60)));
+  const std::vector<Message> events = subscriber->Messages();
+  ASSERT_EQ(events.size(), static_cast<size_t>(kBurst));
+  for (int i = 0; i < kBurst; ++i) {
+    ASSERT_TRUE(IsEventPayload(events[i].payload, 1, {std::to_string(i + 1)})) << i;
+    EXPECT_EQ(events[i].qos, 1);
+  }
 }
 
 TEST_F(BridgeEventTest, ServiceIsPublishedUpRetainedOnceConnected) {

@@ -98,6 +98,53 @@ TEST_F(BridgeFaultTest, BeyondTheQueueTheOldestEventsAreDroppedAndTheLogSaysHowM
   EXPECT_EQ(EventArgs(*subscriber), (std::vector<std::string>{"four", "five"}));
 }
 
+TEST_F(BridgeFaultTest, BrokerLostWhileEventsWaitForRoomKeepsTheLastOfTheQueueInOrder) {
+  StartBroker();
+  StartFake();
+  StartOnline({"--queue", "100"});
+  const std::string eventPath = EventPath();
+  // The broker takes nothing while the bridge fills up and holds the
+  // service's events back; then it goes away.
+  broker.Pause();
+  EventBurst burst(*fake, eventPath, 2500);
+  const bool filled = burst.WaitForSent(1800);
+  ASSERT_TRUE(broker.Stop());
+  ASSERT_TRUE(filled) << burst.Sent();
+  ASSERT_EQ(burst.Finish(), 2500);
+  ASSERT_TRUE(
+      WaitForLog("void zel::bridge::EventOutbox::Trim() 1: more than 100 events wait for the broker; "
+                 "dropping the oldest\n"));
+  ASSERT_TRUE(WaitForLog(CannotReach(2)));
+  StartBroker();
+  auto subscriber = Client({Topic("event/#")});
+  ASSERT_TRUE(subscriber->WaitForCount(Topic("event/1"), 100));
+  std::vector<std::string> last;
+  for (int i = 2401; i <= 2500; ++i) last.push_back(std::to_string(i));
+  EXPECT_EQ(EventArgs(*subscriber), last);
+  EXPECT_TRUE(WaitForLogMatching([](const std::string& text) {
+    return text.find("MqttLink::ReportDroppedEvents() 1: ") != std::string::npos &&
+           text.find(" events dropped, the oldest first: the queue keeps 100 while the broker is away\n") !=
+               std::string::npos;
+  }));
+}
+
+TEST_F(BridgeFaultTest, StopWhileEventsWaitForRoomExitsWithZero) {
+  StartBroker();
+  StartFake();
+  StartOnline();
+  const std::string eventPath = EventPath();
+  broker.Pause();
+  EventBurst burst(*fake, eventPath, 2500);
+  const bool filled = burst.WaitForSent(1800);
+  // "offline" goes unacknowledged: the stop waits a second for it.
+  ExpectCleanStop(SIGTERM, seconds(2));
+  broker.Resume();
+  EXPECT_TRUE(filled) << burst.Sent();
+  // The burst ends too: the bridge took the rest as it stopped, or its event
+  // socket went away.
+  burst.Finish();
+}
+
 TEST_F(BridgeFaultTest, RestartedServiceGoesDownThenUpAndIsRegisteredWithAgain) {
   StartBroker();
   StartFake();

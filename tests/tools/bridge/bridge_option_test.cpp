@@ -1,13 +1,17 @@
 // The command line and the configuration file: --help and --version, each
 // kind of usage or configuration error as its one line on standard error
-// with status 2, a local set-up failure with status 4, and a configuration
-// file whose settings the command line overrides.
+// with status 2, a local set-up failure with status 4, a configuration file
+// whose settings the command line overrides, and what --verbose adds to the
+// system log.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <fstream>
 #include <string>
 #include <vector>
 
+#include "kdx_test_paths.h"
+#include "tests/support/syslog_file.h"
 #include "tests/tools/bridge/bridge_test.h"
 
 namespace zel::bridge::test {
@@ -203,6 +207,34 @@ TEST_F(BridgeOptionTest, VerboseCopiesTheDiagnosticsToStandardError) {
                                  ": Connection refused; trying again "
                                  "in 1 s\n"))
       << bridge->Err();
+}
+
+// Whether the captured system log holds a record that begins with `start`.
+bool HasRecordStarting(const std::string& file, const std::string& start) {
+  const std::vector<::zel::test::LogRecord> records = ::zel::test::ReadSyslogFile(file);
+  return std::any_of(records.begin(), records.end(),
+                     [&](const ::zel::test::LogRecord& record) { return record.text.rfind(start, 0) == 0; });
+}
+
+TEST_F(BridgeOptionTest, WithoutVerboseTheClientLibrarysRecordsOfEachRequestStayOutOfTheLog) {
+  StartBroker();
+  StartFake();
+  StartOnline();
+  ASSERT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));
+  // The request and its reply were logged, if at all, before the reply went
+  // out; the bridge's own records are there.
+  EXPECT_FALSE(HasRecordStarting(SyslogFile(), "client snd ["));
+  EXPECT_FALSE(HasRecordStarting(SyslogFile(), "client rcv ["));
+  EXPECT_TRUE(HasRecordStarting(SyslogFile(), "void zel::bridge::MqttLink::OnSubscribed("));
+}
+
+TEST_F(BridgeOptionTest, VerboseLogsTheClientLibrarysRecordsOfEachRequest) {
+  StartBroker();
+  StartFake();
+  StartOnline({"-v"});
+  ASSERT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));
+  EXPECT_TRUE(WaitForLog("client snd [1]\n"));
+  EXPECT_TRUE(WaitForLog("client rcv [1\tPONG]\n"));
 }
 
 TEST_F(BridgeOptionTest, ConfigurationFileSetsOptionsAndTheCommandLineWins) {

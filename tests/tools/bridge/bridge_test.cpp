@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "kdx_test_paths.h"
 #include "tests/support/launcher.h"
 #include "tests/support/syslog_file.h"
 #include "tests/support/wait_until.h"
@@ -42,6 +43,22 @@ std::string ErrorPayload(const std::optional<std::string>& command, int status, 
   object["status"] = status;
   object["error"] = error;
   return object.dump();
+}
+
+EventBurst::EventBurst(FakeService& service, const std::string& path, int count)
+    : mThread([this, &service, path, count] {
+        for (int i = 1; i <= count && service.SendTo(path, "1\t" + std::to_string(i)); ++i) ++mSent;
+      }) {}
+
+EventBurst::~EventBurst() { Finish(); }
+
+bool EventBurst::WaitForSent(int count, std::chrono::milliseconds timeout) const {
+  return ::zel::test::WaitUntil([&] { return mSent >= count; }, timeout);
+}
+
+int EventBurst::Finish() {
+  if (mThread.joinable()) mThread.join();
+  return mSent;
 }
 
 BridgeTest::BridgeTest() : broker(dir.path()) {}

@@ -6,11 +6,13 @@
 // a time.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "gtest/gtest.h"
@@ -109,6 +111,28 @@ class BridgeTest : public ::testing::Test {
   std::unique_ptr<PipeProcess> bridge;
   std::unique_ptr<MqttTestClient> asker;  // Ask's client, made on first use
   int asked = 0;
+};
+
+// A burst of events from the fake service, "1\t1" to "1\t<count>", sent to
+// the event socket at `path` on a thread of its own. A send waits while the
+// socket's queue is full; the first that fails (the socket gone) ends the
+// burst. Its end waits for the thread.
+class EventBurst {
+ public:
+  EventBurst(FakeService& service, const std::string& path, int count);
+  ~EventBurst();
+  EventBurst(const EventBurst&) = delete;
+  EventBurst& operator=(const EventBurst&) = delete;
+
+  int Sent() const { return mSent; }
+  // Waits until `count` have been sent.
+  bool WaitForSent(int count, std::chrono::milliseconds timeout = std::chrono::seconds(60)) const;
+  // Waits for the end of the burst; how many were sent.
+  int Finish();
+
+ private:
+  std::atomic<int> mSent{0};
+  std::thread mThread;
 };
 
 // The JSON reply of kendrivex-ctl -j for `command` with "box" added.

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "kdx_test_paths.h"
 #include "tests/tools/bridge/bridge_test.h"
 
 namespace zel::bridge::test {

@@ -1,22 +1,28 @@
 // Events on their way to the broker: in order, at most --queue while the
 // broker is away with the oldest dropped and counted, every event while it
-// is there, and the unacknowledged ones back at the front.
+// is there (a push waiting for room rather than dropping), and the
+// unacknowledged ones back at the front.
 #include "tools/bridge/event_outbox.h"
 
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "gtest/gtest.h"
 #include "tests/support/syslog_capture.h"
+#include "tests/support/wait_until.h"
 
 namespace zel::bridge::test {
 namespace {
 
 using ::zel::test::LogRecord;
 using ::zel::test::SyslogCapture;
+using ::zel::test::WaitUntil;
 
 OutgoingEvent Event(int number) { return OutgoingEvent{"k/b/event/" + std::to_string(number), std::to_string(number)}; }
 
@@ -94,13 +100,113 @@ TEST(EventOutboxTest, GoingAwayTrimsToTheCapacityOldestFirst) {
   EXPECT_EQ(outbox.TakeDropped(), 2u);
 }
 
-TEST(EventOutboxTest, PushWakesTheLink) {
+TEST(EventOutboxTest, PushWakesTheLinkOnceForEventsThatFindOthersWaiting) {
   Wakeup wakeup;
-  EventOutbox outbox(2, wakeup);
-  outbox.Push(Event(1));
+  EventOutbox outbox(5, wakeup);
+  for (int i = 1; i <= 3; ++i) outbox.Push(Event(i));
   uint64_t count = 0;
   EXPECT_EQ(::read(wakeup.Fd(), &count, sizeof count), static_cast<ssize_t>(sizeof count));
   EXPECT_EQ(count, 1u);
+  // Once the link has taken them all, the next one wakes it again.
+  Drain(outbox);
+  outbox.Push(Event(4));
+  EXPECT_EQ(::read(wakeup.Fd(), &count, sizeof count), static_cast<ssize_t>(sizeof count));
+  EXPECT_EQ(count, 1u);
+}
+
+// Pushes `count` numbered events on a thread of its own, counting those
+// pushed. Its end lets a push still waiting go on, so that a failed test
+// ends.
+class Pusher {
+ public:
+  Pusher(EventOutbox& outbox, int first, int count)
+      : mOutbox(outbox), mThread([this, first, count] {
+          for (int i = first; i < first + count; ++i) {
+            mOutbox.Push(Event(i));
+            ++mPushed;
+          }
+        }) {}
+  ~Pusher() {
+    mOutbox.StopWaiting();
+    mThread.join();
+  }
+  Pusher(const Pusher&) = delete;
+  Pusher& operator=(const Pusher&) = delete;
+
+  int Pushed() const { return mPushed; }
+
+ private:
+  EventOutbox& mOutbox;
+  std::atomic<int> mPushed{0};
+  std::thread mThread;
+};
+
+TEST(EventOutboxTest, FullOutboxHoldsThePushBackWhileTheBrokerIsThereAndDropsNothing) {
+  Wakeup wakeup;
+  EventOutbox outbox(3, wakeup);
+  const int total = 3 * static_cast<int>(EventOutbox::kOnlineRoom);
+  outbox.SetOnline(true);
+  std::vector<std::string> taken;
+  {
+    Pusher pusher(outbox, 1, total);
+    ASSERT_TRUE(WaitUntil([&] { return outbox.Waiting() == EventOutbox::kOnlineRoom; }));
+    EXPECT_LT(pusher.Pushed(), total);
+    ASSERT_TRUE(WaitUntil([&] {
+      OutgoingEvent event;
+      while (outbox.Pop(event)) taken.push_back(event.payload);
+      return static_cast<int>(taken.size()) == total;
+    }));
+  }
+  std::vector<std::string> expected;
+  for (int i = 1; i <= total; ++i) expected.push_back(std::to_string(i));
+  EXPECT_EQ(taken, expected);
+  EXPECT_EQ(outbox.TakeDropped(), 0u);
+}
+
+// An outbox filled to its room while the broker is there, and one more event
+// pushed on a thread of its own, which waits for room.
+class EventOutboxWaitTest : public ::testing::Test {
+ protected:
+  static constexpr int kRoom = static_cast<int>(EventOutbox::kOnlineRoom);
+
+  void SetUp() override {
+    outbox.SetOnline(true);
+    for (int i = 1; i <= kRoom; ++i) outbox.Push(Event(i));
+    pusher = std::make_unique<Pusher>(outbox, kRoom + 1, 1);
+    ASSERT_TRUE(WaitUntil([&] { return outbox.PushWaits(); }));
+  }
+
+  Wakeup wakeup;
+  EventOutbox outbox{3, wakeup};
+  std::unique_ptr<Pusher> pusher;  // ends first
+};
+
+TEST_F(EventOutboxWaitTest, WaitingPushGoesOnOnceHalfTheRoomIsFree) {
+  OutgoingEvent event;
+  for (int i = 0; i < kRoom / 2 - 1; ++i) ASSERT_TRUE(outbox.Pop(event));
+  EXPECT_TRUE(outbox.PushWaits());
+  EXPECT_EQ(pusher->Pushed(), 0);
+  ASSERT_TRUE(outbox.Pop(event));
+  ASSERT_TRUE(WaitUntil([&] { return pusher->Pushed() == 1; }));
+  EXPECT_EQ(outbox.Waiting(), EventOutbox::kOnlineRoom / 2 + 1);
+}
+
+TEST_F(EventOutboxWaitTest, BrokerGoingAwayWhileAPushWaitsKeepsTheQueueDroppingTheOldest) {
+  outbox.SetOnline(false);
+  ASSERT_TRUE(WaitUntil([&] { return pusher->Pushed() == 1; }));
+  EXPECT_EQ(Drain(outbox),
+            (std::vector<std::string>{std::to_string(kRoom - 1), std::to_string(kRoom), std::to_string(kRoom + 1)}));
+  EXPECT_EQ(outbox.TakeDropped(), EventOutbox::kOnlineRoom - 2);
+}
+
+TEST_F(EventOutboxWaitTest, StopWaitingLetsAWaitingPushGoOnDroppingTheOldest) {
+  outbox.StopWaiting();
+  ASSERT_TRUE(WaitUntil([&] { return pusher->Pushed() == 1; }));
+  EXPECT_EQ(outbox.Waiting(), EventOutbox::kOnlineRoom);
+  EXPECT_EQ(outbox.TakeDropped(), 1u);
+  OutgoingEvent event;
+  ASSERT_TRUE(outbox.Pop(event));
+  EXPECT_EQ(event.payload, "2");
 }
 
 }  // namespace
