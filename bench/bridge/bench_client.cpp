@@ -6,14 +6,14 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "tools/bridge/mqtt_properties.h"
+#include "tools/mqtt/properties.h"
 
 namespace zel::bench {
 namespace {
 
-using ::zel::bridge::MqttProperties;
-using ::zel::bridge::ReadBinaryProperty;
-using ::zel::bridge::ReadStringProperty;
+using ::zel::mqtt::Properties;
+using ::zel::mqtt::ReadBinaryProperty;
+using ::zel::mqtt::ReadStringProperty;
 
 constexpr int kQos = 1;
 constexpr int kKeepAliveSeconds = 60;
@@ -65,13 +65,12 @@ bool BenchClient::Subscribe(const std::string& filter) {
 
 bool BenchClient::Publish(const std::string& topic, const std::string& payload, const std::string& responseTopic,
                           const std::string& correlation) {
-  MqttProperties properties;
+  Properties properties;
   if (!responseTopic.empty()) {
-    mosquitto_property_add_string(&properties.list, MQTT_PROP_RESPONSE_TOPIC, responseTopic.c_str());
+    if (properties.AddString(MQTT_PROP_RESPONSE_TOPIC, responseTopic) != MOSQ_ERR_SUCCESS) return false;
   }
   if (!correlation.empty()) {
-    mosquitto_property_add_binary(&properties.list, MQTT_PROP_CORRELATION_DATA, correlation.data(),
-                                  static_cast<uint16_t>(correlation.size()));
+    if (properties.AddBinary(MQTT_PROP_CORRELATION_DATA, correlation) != MOSQ_ERR_SUCCESS) return false;
   }
   return mosquitto_publish_v5(mClient, nullptr, topic.c_str(), static_cast<int>(payload.size()), payload.data(), kQos,
                               false, properties.list) == MOSQ_ERR_SUCCESS;

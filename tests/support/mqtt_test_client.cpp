@@ -6,14 +6,14 @@
 #include <stdexcept>
 
 #include "tests/support/wait_until.h"
-#include "tools/bridge/mqtt_properties.h"
+#include "tools/mqtt/properties.h"
 
 namespace zel::test {
 namespace {
 
-using ::zel::bridge::MqttProperties;
-using ::zel::bridge::ReadBinaryProperty;
-using ::zel::bridge::ReadStringProperty;
+using ::zel::mqtt::Properties;
+using ::zel::mqtt::ReadBinaryProperty;
+using ::zel::mqtt::ReadStringProperty;
 
 constexpr int kKeepAliveSeconds = 60;
 constexpr std::chrono::seconds kAnswerTime(10);
@@ -83,11 +83,10 @@ bool MqttTestClient::Publish(const std::string& topic, const std::string& payloa
 
 bool MqttTestClient::Request(const std::string& topic, const std::string& payload, const std::string& responseTopic,
                              const std::optional<std::string>& correlation, int qos) {
-  MqttProperties properties;
-  mosquitto_property_add_string(&properties.list, MQTT_PROP_RESPONSE_TOPIC, responseTopic.c_str());
+  Properties properties;
+  if (properties.AddString(MQTT_PROP_RESPONSE_TOPIC, responseTopic) != MOSQ_ERR_SUCCESS) return false;
   if (correlation) {
-    mosquitto_property_add_binary(&properties.list, MQTT_PROP_CORRELATION_DATA, correlation->data(),
-                                  static_cast<uint16_t>(correlation->size()));
+    if (properties.AddBinary(MQTT_PROP_CORRELATION_DATA, *correlation) != MOSQ_ERR_SUCCESS) return false;
   }
   int mid = 0;
   if (mosquitto_publish_v5(mClient, &mid, topic.c_str(), static_cast<int>(payload.size()), payload.data(), qos, false,

@@ -5,22 +5,19 @@
 #include <chrono>
 #include <string>
 
-#include "ipc/wait_deadline.h"
+#include "util/decimal_text.h"
 
 namespace zel::bridge {
 namespace {
 
 using std::chrono::milliseconds;
 
-constexpr char kRunText[] = "bool zel::bridge::Bridge::Run(const sigset_t&)";
-constexpr char kStopText[] = "bool zel::bridge::Bridge::Stop()";
-
 // How long the broker may take to acknowledge "offline".
 constexpr milliseconds kOfflineTime(1000);
-// How long after the stop signal a command still waiting for the service may
-// keep the stop waiting, in microseconds: a service that answers at all
-// answers well within it, and the stop still ends within 2 s.
-constexpr uint64_t kCommandTimeUs = 500000;
+// How long a command still waiting for the service may keep the stop
+// waiting once the rest has stopped: a service that answers at all answers
+// well within it, and the stop still ends within 2 s.
+constexpr milliseconds kCommandTime(500);
 
 }  // namespace
 
@@ -34,34 +31,39 @@ Bridge::Bridge(const Settings& settings)
       mWorker(settings, mCommands, mReplies, mService, &mFiles),
       mWatch(settings, mTopics, mEvents, mService),
       mLink(settings, mTopics, mEvents, mReplies, mService, mWakeup,
-            [this](const IncomingMessage& message) { mIntake.Take(message); }) {}
+            [this](const zel::mqtt::Message& message) { mIntake.Take(message); }) {}
 
 bool Bridge::Run(const sigset_t& signals) {
-  syslog(LOG_INFO, "%s %d: box [%s] on the broker at %s for the service at [%s]\n", kRunText, 1, mSettings.id.c_str(),
-         mSettings.broker.Url().c_str(), mSettings.servicePath.c_str());
+  const std::string start = "box " + mSettings.id + " on the broker at " + mSettings.connection.broker.Url() +
+                            " for the service at " + mSettings.servicePath;
+  syslog(LOG_INFO, "%s", start.c_str());
+  RemoveStaleSocketFiles(mSettings.dir);
   mWatch.Start();
   mWorker.Start();
   mLink.Start();
   int signo = 0;
   while (sigwait(&signals, &signo) != 0) {
   }
-  syslog(LOG_INFO, "%s %d: stopping on signal %d\n", kRunText, 2, signo);
+  const std::string stopping = "stopping on signal " + zel::util::SignedDecimalText(signo);
+  syslog(LOG_INFO, "%s", stopping.c_str());
   return Stop();
 }
 
 bool Bridge::Stop() {
-  const zel::ipc::WaitDeadline commandDeadline(kCommandTimeUs);
   mLink.GoOffline(kOfflineTime);
   // No more commands are taken; the watch unregisters.
   mCommands.Close();
   mWatch.Stop();
-  const bool finished = mWorker.Stop(milliseconds(commandDeadline.LeftMs()));
+  // The command in hand has had all of the above to finish; it gets its own
+  // time from here, so that an idle worker's end is never cut short by the
+  // steps before.
+  const bool finished = mWorker.Stop(kCommandTime);
   if (!finished) {
-    syslog(LOG_WARNING, "%s %d: a command still waits for the service; its socket files are removed\n", kStopText, 1);
+    syslog(LOG_WARNING, "%s", "a command still waits for the service; its socket files are removed");
     mFiles.RemoveAll();
   }
   mLink.Stop();
-  syslog(LOG_INFO, "%s %d: stopped\n", kStopText, 2);
+  syslog(LOG_INFO, "%s", "stopped");
   return finished;
 }
 

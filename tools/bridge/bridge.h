@@ -1,26 +1,19 @@
 // kendrivex-bridge at run time: the link to the broker, the watch of the
 // service and the command worker, each on its own thread, and the queues
 // between them. Runs until a stop signal, then stops in this order:
-// "offline" published, the event socket unregistered, the socket files
-// removed, the broker disconnected. Made and run on the main thread, with the
-// stop signals blocked before it starts its threads (which inherit the
-// mask). Owns everything it starts.
+// "offline" published, the event socket unregistered, the command in hand
+// finished (or its socket files removed), the broker disconnected. Made and
+// run on the main thread, with the stop signals blocked before it starts its
+// threads (which inherit the mask). Owns everything it starts.
 #pragma once
 
 #include <signal.h>
 
-#include "tools/bridge/command_intake.h"
-#include "tools/bridge/command_queue.h"
-#include "tools/bridge/command_worker.h"
-#include "tools/bridge/event_outbox.h"
-#include "tools/bridge/mqtt_link.h"
-#include "tools/bridge/reply_outbox.h"
-#include "tools/bridge/service_state.h"
-#include "tools/bridge/service_watch.h"
+#include "tools/bridge/commands.h"
+#include "tools/bridge/link.h"
+#include "tools/bridge/outbox.h"
+#include "tools/bridge/service.h"
 #include "tools/bridge/settings.h"
-#include "tools/bridge/socket_files.h"
-#include "tools/bridge/topics.h"
-#include "tools/bridge/wakeup.h"
 
 namespace zel::bridge {
 

@@ -3,7 +3,6 @@
 // back, and retained messages say whether the bridge and the service are
 // there. It runs until SIGINT, SIGTERM or SIGHUP; a broker or service that is
 // away is waited for, never a reason to end.
-#include <mosquitto.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -12,8 +11,9 @@
 #include <cstdio>
 #include <string>
 
-#include "tools/bridge/arguments.h"
 #include "tools/bridge/bridge.h"
+#include "tools/bridge/settings.h"
+#include "tools/mqtt/session.h"
 #include "tools/service_client/runner.h"
 #include "util/stop_signals.h"
 
@@ -59,7 +59,8 @@ int Run(const zel::bridge::Settings& settings) {
   // mask and the signals reach only the main thread's wait.
   const sigset_t signals = zel::util::StopSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  mosquitto_lib_init();
+  std::string why;
+  if (!zel::mqtt::InitLibrary(why)) return Report(core::Fail(core::kStatusLocal, kProgram, why));
   zel::bridge::Bridge bridge(settings);
   if (!bridge.Ok()) return Report(core::Fail(core::kStatusLocal, kProgram, "cannot make its descriptors"));
   if (!bridge.Run(signals)) {
@@ -67,7 +68,7 @@ int Run(const zel::bridge::Settings& settings) {
     // socket files are gone, and nothing else is left to wait for.
     EndNow(core::kStatusOk);
   }
-  mosquitto_lib_cleanup();
+  zel::mqtt::CleanupLibrary();
   return core::kStatusOk;
 }
 
@@ -93,5 +94,6 @@ int main(int argc, char** argv) {
   // warnings and errors always go.
   // NOLINTNEXTLINE(concurrency-mt-unsafe): set on the main thread before any other starts
   if (!invocation.settings.verbose) setlogmask(LOG_UPTO(LOG_INFO));
+  for (const std::string& warning : invocation.warnings) syslog(LOG_WARNING, "%s", warning.c_str());
   return Run(invocation.settings);
 }

@@ -23,19 +23,21 @@ std::string TabSeparated(std::string line, const std::vector<std::string>& rest)
 
 }  // namespace
 
-std::string JsonReply(const std::string& command, const zel::ipc::IPCResult& reply) {
+std::string JsonReply(const std::string& command, const zel::ipc::IPCResult& reply, const JsonExtra& extra) {
   Json object;
   object["command"] = command;
   object["code"] = reply.code;
   object["args"] = reply.args;
+  if (extra.key != nullptr) object[extra.key] = extra.value;
   return Dump(object);
 }
 
-std::string JsonEvent(const std::string& time, const zel::ipc::IPCEvent& event) {
+std::string JsonEvent(const std::string& time, const zel::ipc::IPCEvent& event, const JsonExtra& extra) {
   Json object;
   object["time"] = time;
   object["id"] = event.id;
   object["args"] = event.args;
+  if (extra.key != nullptr) object[extra.key] = extra.value;
   return Dump(object);
 }
 

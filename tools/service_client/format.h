@@ -13,10 +13,18 @@
 
 namespace zel::service_client {
 
+// One more string member of a JSON object, after the others (the bridge's
+// "box"); none while `key` is null.
+struct JsonExtra {
+  const char* key = nullptr;
+  std::string value;
+};
+
 // {"command":"ping","code":1,"args":["PONG"]} and a newline.
-std::string JsonReply(const std::string& command, const zel::ipc::IPCResult& reply);
+std::string JsonReply(const std::string& command, const zel::ipc::IPCResult& reply,
+                      const JsonExtra& extra = JsonExtra());
 // {"time":"2026-11-23T09:00:00.123Z","id":7,"args":["link up"]} and a newline.
-std::string JsonEvent(const std::string& time, const zel::ipc::IPCEvent& event);
+std::string JsonEvent(const std::string& time, const zel::ipc::IPCEvent& event, const JsonExtra& extra = JsonExtra());
 // The decimal code, then each field, tab-separated, and a newline.
 std::string PlainReply(const zel::ipc::IPCResult& reply);
 // The time, then the event's number and each argument, tab-separated, and a

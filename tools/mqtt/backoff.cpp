@@ -1,0 +1,70 @@
+#include "tools/mqtt/backoff.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace zel::mqtt {
+namespace {
+
+using std::chrono::milliseconds;
+
+// `first` doubled `times` times, at most `max`.
+milliseconds Step(milliseconds first, unsigned times, milliseconds max) {
+  milliseconds step = first;
+  for (unsigned i = 0; i < times && step < max; ++i) step *= 2;
+  return std::min(step, max);
+}
+
+// A seed spread over all its bits (a finalizer of MurmurHash3): the linear
+// congruential engine's first draws from seeds close together lie close
+// together too.
+uint32_t Spread(uint32_t seed) {
+  seed ^= seed >> 16U;
+  seed *= 0x85EBCA6BU;
+  seed ^= seed >> 13U;
+  seed *= 0xC2B2AE35U;
+  seed ^= seed >> 16U;
+  // The engine's seed must not be 0 modulo its modulus.
+  return seed % 2147483646U + 1U;
+}
+
+}  // namespace
+
+Backoff::Backoff(uint32_t seed) : mRandom(Spread(seed)) {}
+
+milliseconds Backoff::Next(Clock::time_point now) {
+  Settle(now);
+  return Draw(Step(kFirst, mFailures++, kMax));
+}
+
+milliseconds Backoff::TakenOver(Clock::time_point now) {
+  Settle(now);
+  return std::max(Draw(Step(kTakenOverFirst, mFailures++, kTakenOverMax)), kTakenOverLeast);
+}
+
+void Backoff::Up(Clock::time_point now) {
+  mUp = true;
+  mUpSince = now;
+}
+
+void Backoff::Down(Clock::time_point now) { Settle(now); }
+
+void Backoff::Settle(Clock::time_point now) {
+  if (!mUp) return;
+  mUp = false;
+  if (now - mUpSince >= kSteady) mFailures = 0;
+}
+
+milliseconds Backoff::Draw(milliseconds step) {
+  const int64_t spread = step.count() * kJitterPercent / 100;
+  std::uniform_int_distribution<int64_t> offset(-spread, spread);
+  return step + milliseconds(offset(mRandom));
+}
+
+uint32_t Backoff::Seed() {
+  const auto ticks = static_cast<uint64_t>(Clock::now().time_since_epoch().count());
+  return static_cast<uint32_t>(ticks ^ (ticks >> 32U)) ^ (static_cast<uint32_t>(::getpid()) << 16U);
+}
+
+}  // namespace zel::mqtt
