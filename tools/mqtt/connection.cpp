@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 
@@ -71,9 +70,7 @@ bool ReadFirstLine(int fd, std::string& line, std::string& why) {
 std::string SystemErrorText(int error) {
   char buffer[128];
   // GNU's strerror_r returns the text, in `buffer` or a static string.
-  std::string text = ::strerror_r(error, buffer, sizeof buffer);
-  if (!text.empty()) text[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(text[0])));
-  return text;
+  return ::strerror_r(error, buffer, sizeof buffer);
 }
 
 bool ConnectionSettings::Takes(const std::string& longName) {

@@ -83,9 +83,9 @@ struct ConnectionSettings {
 // `warning` is set (and else left empty) when group or others may read it.
 bool ReadPasswordFile(const std::string& path, std::string& password, std::string& why, std::string& warning);
 
-// The C library's text for an errno value, from its first letter on in
-// lower case so that it reads inside a sentence ("connection refused").
-// Callable from any thread, which strerror is not.
+// The C library's text for an errno value ("No such file or directory"), as
+// an error line of a program gives it. Callable from any thread, which
+// strerror is not.
 std::string SystemErrorText(int error);
 
 }  // namespace zel::mqtt

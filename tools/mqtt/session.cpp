@@ -97,7 +97,7 @@ void CleanupLibrary() { mosquitto_lib_cleanup(); }
 std::string ErrorText(int code) {
   switch (code) {
     case MOSQ_ERR_ERRNO:
-      return SystemErrorText(errno);
+      return InSentence(SystemErrorText(errno));
     case MOSQ_ERR_CONN_LOST:
       return "the connection was lost";
     case MOSQ_ERR_KEEPALIVE:

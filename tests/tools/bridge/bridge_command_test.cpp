@@ -164,9 +164,8 @@ TEST_F(BridgeCommandTest, ReplyTopicWithWildcardsGetsNoReply) {
   auto requester = Client({"wild/#"});
   ASSERT_TRUE(requester->Request(Topic("cmd"), "ping", "wild/+", std::string("x")));
   EXPECT_TRUE(
-      WaitForLog("bool zel::bridge::CommandIntake::Route(const zel::bridge::IncomingMessage&, "
-                 "zel::bridge::ReplyRoute&) const 1: a command on [kdx/box1/cmd] names [wild/+] for its "
-                 "reply, where nothing can be published\n"));
+      WaitForLog("a command on kdx/box1/cmd names wild/+ for its reply, where nothing can be published; it is "
+                 "not answered"));
   EXPECT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));
   EXPECT_EQ(Commands().size(), 1u);
   EXPECT_EQ(requester->Messages().size(), 0u);

@@ -11,7 +11,8 @@ namespace zel::bridge::test {
 namespace {
 
 // Whether `payload` is the JSON line of kendrivex-ctl watch --json for an
-// event numbered `id` with `args`: {"time":"<UTC>","id":N,"args":[...]}.
+// event numbered `id` with `args`, and the box:
+// {"time":"<UTC>","id":N,"args":[...],"box":"box1"}.
 ::testing::AssertionResult IsEventPayload(const std::string& payload, int id, const std::vector<std::string>& args) {
   const nlohmann::ordered_json event = nlohmann::ordered_json::parse(payload, nullptr, false);
   if (event.is_discarded() || !event.is_object() || !event.contains("time")) {
@@ -21,6 +22,7 @@ namespace {
   expected["time"] = event["time"];
   expected["id"] = id;
   expected["args"] = args;
+  expected["box"] = "box1";
   const std::string time = event["time"].is_string() ? event["time"].get<std::string>() : "";
   const bool timeShaped = time.size() == 24 && time[4] == '-' && time[10] == 'T' && time[19] == '.' && time[23] == 'Z';
   if (payload != expected.dump() || !timeShaped) return ::testing::AssertionFailure() << payload;

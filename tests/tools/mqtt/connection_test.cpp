@@ -60,7 +60,7 @@ TEST_F(ConnectionTest, BrokerUrlIsParsed) {
 TEST_F(ConnectionTest, FilesNamedMustBeThereAndOfTheirKind) {
   std::string why;
   EXPECT_FALSE(settings.Set("cafile", dir.File("missing.pem"), why));
-  EXPECT_EQ(why, dir.File("missing.pem") + ": no such file or directory");
+  EXPECT_EQ(why, dir.File("missing.pem") + ": No such file or directory");
   EXPECT_FALSE(settings.Set("cert", dir.path(), why));
   EXPECT_EQ(why, dir.path() + ": a directory");
   EXPECT_FALSE(settings.Set("capath", Write("ca.pem", "x"), why));
@@ -128,10 +128,10 @@ TEST_F(ConnectionTest, PasswordFileThatIsADirectoryOrADeviceIsRefused) {
 TEST_F(ConnectionTest, PasswordFileThatIsMissingOrUnreadableIsRefused) {
   Set("username", "box1");
   Set("password-file", dir.File("missing"));
-  EXPECT_EQ(Checked(), "--password-file: " + dir.File("missing") + ": no such file or directory");
+  EXPECT_EQ(Checked(), "--password-file: " + dir.File("missing") + ": No such file or directory");
   if (::geteuid() == 0) GTEST_SKIP() << "root reads every file";
   Set("password-file", Write("locked", "pw\n", 0));
-  EXPECT_EQ(Checked(), "--password-file: " + dir.File("locked") + ": permission denied");
+  EXPECT_EQ(Checked(), "--password-file: " + dir.File("locked") + ": Permission denied");
 }
 
 TEST_F(ConnectionTest, PasswordFileWhoseFirstLineIsLongerThan64KbIsRefused) {
@@ -171,8 +171,8 @@ TEST_F(ConnectionTest, PasswordInTheClearToAnotherMachineIsTakenWithAWarning) {
   }
 }
 
-TEST_F(ConnectionTest, SystemErrorTextReadsInsideASentence) {
-  EXPECT_EQ(SystemErrorText(ECONNREFUSED), "connection refused");
+TEST_F(ConnectionTest, SystemErrorTextIsTheCLibrarys) {
+  EXPECT_EQ(SystemErrorText(ECONNREFUSED), "Connection refused");
 }
 
 }  // namespace
