@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/syslog_file.h"
 #include "tests/support/wait_until.h"
 #include "tests/tools/bridge/bridge_test.h"
 
@@ -278,6 +279,70 @@ TEST_F(BridgeFaultTest, KilledBridgeLeavesItsWillOfflineRetained) {
   auto late = Client({Topic("status")});
   ASSERT_TRUE(late->WaitFor([](const std::vector<Message>& m) { return !m.empty() && m.back().payload == "offline"; }));
   EXPECT_TRUE(late->Messages().back().retain);
+}
+
+TEST_F(BridgeFaultTest, ServiceKilledAndRestartedGoesDownThenUpOnce) {
+  StartBroker();
+  StartSim();
+  auto subscriber = Client({Topic("service")});
+  StartOnline();
+  ASSERT_TRUE(subscriber->WaitForCount(Topic("service"), 1));
+  sim->Process().Signal(SIGKILL);
+  sim->Process().WaitForExit();
+  // The killed simulator's socket file stays; the new one replaces it.
+  StartSim();
+  ASSERT_TRUE(subscriber->WaitForCount(Topic("service"), 3));
+  EXPECT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));
+  // The watch has looked at the service several times since: nothing more
+  // changed.
+  EXPECT_TRUE(WaitForLog("the service at " + ServicePath() + " is up"));
+  const size_t changes = subscriber->PayloadsOn(Topic("service")).size();
+  EXPECT_FALSE(subscriber->WaitForCount(Topic("service"), changes + 1, std::chrono::seconds(3)));
+  EXPECT_EQ(subscriber->PayloadsOn(Topic("service")), (std::vector<std::string>{"up", "down", "up"}));
+}
+
+// The records of the captured system log that begin with `start`.
+size_t CountRecords(const std::string& path, const std::string& start) {
+  size_t count = 0;
+  for (const ::zel::test::LogRecord& record : ::zel::test::ReadSyslogFile(path)) {
+    count += record.text.rfind(start, 0) == 0 ? 1 : 0;
+  }
+  return count;
+}
+
+TEST_F(BridgeFaultTest, SecondBoxWithTheSameIdIsToldItIsInUseAndLeavesTheBrokerToTheOtherForAMinute) {
+  StartBroker();
+  StartFake();
+  auto status = Client({Topic("status")});
+  StartOnline();
+  // A clone of the first box, with its name.
+  PipeProcess clone(Command({}), Options());
+  const std::string inUse = "the client id kendrivex-bridge-kdx/box1 is already in use at the broker at " +
+                            broker.Url() + ": another client took the session over (a second box with the id box1?); " +
+                            "trying again in ";
+  ASSERT_TRUE(WaitForLogMatching([&](const std::string& text) { return text.rfind(inUse, 0) == 0; }));
+  // The wait it announces is at least a minute.
+  for (const ::zel::test::LogRecord& record : ::zel::test::ReadSyslogFile(SyslogFile())) {
+    if (record.text.rfind(inUse, 0) != 0) continue;
+    EXPECT_GE(std::stoi(record.text.substr(inUse.size())), 60) << record.text;
+  }
+  // The other box comes back at once and stays; the one that left makes no
+  // attempt meanwhile.
+  const size_t online = status->PayloadsOn(Topic("status")).size();
+  ASSERT_TRUE(status->WaitFor([&](const std::vector<Message>& messages) {
+    return messages.size() > online && messages.back().payload == "online";
+  }));
+  const size_t attempts = CountRecords(SyslogFile(), "connecting to the broker at ");
+  const size_t changes = status->Messages().size();
+  EXPECT_FALSE(WaitForLogMatching([&](const std::string&) {
+    return CountRecords(SyslogFile(), "connecting to the broker at ") > attempts;
+  }, std::chrono::seconds(5)));
+  EXPECT_EQ(status->Messages().size(), changes);
+  EXPECT_EQ(status->Messages().back().payload, "online");
+  EXPECT_EQ(CountRecords(SyslogFile(), inUse), 1u);
+  EXPECT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));
+  clone.Signal(SIGTERM);
+  EXPECT_EQ(clone.Finish(std::chrono::seconds(5)).exitCode, 0);
 }
 
 }  // namespace

@@ -233,5 +233,39 @@ TEST_F(BridgeSecurityTest, ReadmeAccessListKeepsABoxOutOfAnotherBoxsTopics) {
   }
 }
 
+// The dynamic-security plugin refuses the subscription to P/cmd with reason
+// 0x87; the bridge says so and waits longer each time, since the connection
+// never stayed up with its subscriptions granted.
+TEST_F(BridgeSecurityTest, RefusedSubscriptionIsLoggedAsARefusalAndTheWaitsGrow) {
+  const std::string config = dir.File("dynsec.json");
+  ASSERT_TRUE(RunTool({"mosquitto_ctrl", "dynsec", "init", config, "admin", "adminpw"}));
+  broker.AddConfig({"allow_anonymous false", "plugin /usr/lib/x86_64-linux-gnu/mosquitto_dynamic_security.so",
+                    "plugin_opt_config_file " + config});
+  StartBroker();
+  const std::vector<std::string> control = {"mosquitto_ctrl", "-h", "127.0.0.1", "-p", std::to_string(broker.Port()),
+                                            "-u", "admin", "-P", "adminpw", "dynsec"};
+  const std::vector<std::vector<std::string>> steps = {
+      {"createClient", "box1", "-p", "pw1"},
+      {"createRole", "box"},
+      {"addRoleACL", "box", "publishClientSend", "kdx/box1/#", "allow"},
+      {"addRoleACL", "box", "subscribePattern", "kdx/all/cmd", "allow"},
+      {"addClientRole", "box1", "box"},
+  };
+  for (const std::vector<std::string>& step : steps) {
+    std::vector<std::string> argv = control;
+    argv.insert(argv.end(), step.begin(), step.end());
+    ASSERT_TRUE(RunTool(argv));
+  }
+  StartFake();
+  StartBridge({"--username", "box1", "--password-file", WriteFile("password", "pw1\n")});
+  const std::string refused = "the broker at " + broker.Url() +
+                              " refused the subscription to kdx/box1/cmd: not authorized (0x87); trying again in ";
+  EXPECT_TRUE(WaitForLog(refused + "1 s"));
+  EXPECT_TRUE(WaitForLog(refused + "2 s"));
+  EXPECT_FALSE(WaitForLogMatching(
+      [](const std::string& text) { return text.rfind("cannot reach", 0) == 0 || text.rfind("online", 0) == 0; },
+      std::chrono::milliseconds(0)));
+}
+
 }  // namespace
 }  // namespace zel::bridge::test
