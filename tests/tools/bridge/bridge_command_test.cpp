@@ -214,5 +214,56 @@ TEST_F(BridgeCommandTest, CommandBeyondSixtyFourWaitingIsAnsweredBusyAtOnce) {
   ExpectCleanStop(SIGTERM, std::chrono::seconds(2));
 }
 
+TEST_F(BridgeCommandTest, ResponseTopicInsideThePrefixButNotTheBoxsRepliesIsRefusedOnItsReplyTopic) {
+  StartFake();
+  auto watcher = Client({"kdx/#"});
+  StartOnline();
+  auto requester = Client({});
+  for (const char* topic : {"kdx/box1/status", "kdx/box1/service", "kdx/box1/event/7", "kdx/box2/cmd"}) {
+    watcher->Clear();
+    ASSERT_TRUE(requester->Request(Topic("cmd"), "ping", topic, std::string("c")));
+    ASSERT_TRUE(watcher->WaitForCount(Topic("reply"), 1)) << topic;
+    EXPECT_EQ(watcher->PayloadsOn(Topic("reply")),
+              std::vector<std::string>{ErrorPayload(
+                  "ping", 2, "response topic " + std::string(topic) + ": not at or below kdx/box1/reply")});
+    for (const Message& message : watcher->On(topic)) {
+      EXPECT_EQ(message.payload.find("\"command\""), std::string::npos) << topic << ": " << message.payload;
+    }
+  }
+  EXPECT_TRUE(Commands().empty());
+  // At or below the box's own replies, it is answered there.
+  ASSERT_TRUE(requester->Request(Topic("cmd"), "ping", Topic("reply/ops"), std::nullopt));
+  ASSERT_TRUE(watcher->WaitForCount(Topic("reply/ops"), 1));
+  EXPECT_EQ(watcher->PayloadsOn(Topic("reply/ops")), std::vector<std::string>{AnsweredPayload("ping", 1, {"PONG"})});
+}
+
+TEST_F(BridgeCommandTest, EventRegistrationIsNeverTakenFromTheBrokerEvenWithSendAllowed) {
+  StartFake();
+  StartOnline({"--allow", "ping,send"});
+  for (const char* number : {"4", "5"}) {
+    EXPECT_EQ(Ask(std::string("send ") + number + " /tmp/x"),
+              ErrorPayload("send", 2, "send: event registration (commands 4 and 5) is never taken from the broker"));
+  }
+  EXPECT_EQ(fake->RequestsFor(4).size(), 1u);  // the bridge's own registration
+  EXPECT_TRUE(fake->RequestsFor(5).empty());
+}
+
+TEST_F(BridgeCommandTest, CommandLargerThanTheAnnouncedPacketSizeNeverReachesTheBridge) {
+  StartFake();
+  StartOnline();
+  auto requester = Client({Topic("reply")});
+  ASSERT_TRUE(requester->Publish("kdx/all/cmd", "ping" + std::string(100 << 20, ' ')));
+  ASSERT_TRUE(requester->Publish("kdx/all/cmd", "ping" + std::string(70000, ' ')));
+  // Larger than the bridge takes, smaller than the packet size: refused
+  // without being run.
+  ASSERT_TRUE(requester->Publish("kdx/all/cmd", "ping" + std::string(20000, ' ')));
+  ASSERT_TRUE(requester->Publish("kdx/all/cmd", "ping"));
+  ASSERT_TRUE(requester->WaitForCount(Topic("reply"), 2));
+  EXPECT_EQ(requester->PayloadsOn(Topic("reply")),
+            (std::vector<std::string>{ErrorPayload(std::nullopt, 2, "longer than 8192 bytes"),
+                                      AnsweredPayload("ping", 1, {"PONG"})}));
+  EXPECT_EQ(Commands().size(), 1u);
+}
+
 }  // namespace
 }  // namespace zel::bridge::test

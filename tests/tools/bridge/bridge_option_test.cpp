@@ -6,6 +6,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <fstream>
 #include <string>
 #include <vector>
@@ -263,6 +269,52 @@ TEST_F(BridgeOptionTest, ConfigurationFileSetsOptionsAndTheCommandLineWins) {
   EXPECT_EQ(Ask("ping", "fleet/from-line/cmd"),
             ErrorPayload("ping", 2, "ping: not allowed from the broker", "from-line"));
   ExpectCleanStop(SIGTERM, std::chrono::seconds(2));
+}
+
+TEST_F(BridgeOptionTest, PasswordFileThatCannotHoldAPasswordEndsTheBridgeWithOneLine) {
+  const std::string empty = WriteFile("empty", "");
+  ExpectUsageError({"--username", "box1", "--password-file", empty}, ErrorLine("--password-file", empty + ": empty"));
+  ExpectUsageError({"--username", "box1", "--password-file", dir.path()},
+                   ErrorLine("--password-file", dir.path() + ": not a regular file"));
+  ExpectUsageError({"--username", "box1", "--password-file", "/dev/zero"},
+                   ErrorLine("--password-file", "/dev/zero: not a regular file"));
+  const std::string huge = WriteFile("huge", std::string(100000, 'p'));
+  ExpectUsageError({"--username", "box1", "--password-file", huge},
+                   ErrorLine("--password-file", huge + ": its first line is longer than 64 KB"));
+}
+
+TEST_F(BridgeOptionTest, PasswordFileOthersMayReadAndAPasswordInTheClearAreWarnedOf) {
+  const std::string password = WriteFile("password", "pw\n");
+  ::chmod(password.c_str(), 0644);
+  // A broker on another machine (a documentation address: never reached,
+  // the bridge is stopped first).
+  StartBridge({"-b", "mqtt://192.0.2.1:1", "--username", "box1", "--password-file", password});
+  EXPECT_TRUE(WaitForLog("permissions 0644 for the password file " + password +
+                         " are too open: it should be readable by its owner alone (chmod 600 " + password + ")"));
+  EXPECT_TRUE(WaitForLog("the password of box1 goes unencrypted to the broker at mqtt://192.0.2.1:1; use mqtts:// "
+                         "for a broker on another machine"));
+}
+
+TEST_F(BridgeOptionTest, StaleSocketFilesOfEndedProcessesAreRemovedAtStart) {
+  // What a bridge killed with SIGKILL leaves: its sockets, of a process id
+  // that no process has now.
+  const pid_t ended = ::fork();
+  if (ended == 0) ::_exit(0);
+  ::waitpid(ended, nullptr, 0);
+  const std::string stale = dir.File("ipc_client-" + std::to_string(ended) + "-0");
+  for (const std::string& path : {stale, stale + "-event"}) {
+    const int fd = ::socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ::close(fd);
+  }
+  StartBroker();
+  StartFake();
+  StartOnline();
+  EXPECT_TRUE(WaitForLog("removed 2 socket files in " + dir.path() + " that ended processes had left"));
+  EXPECT_EQ(::access(stale.c_str(), F_OK), -1);
 }
 
 }  // namespace
