@@ -301,6 +301,25 @@ TEST_F(BridgeFaultTest, ServiceKilledAndRestartedGoesDownThenUpOnce) {
   EXPECT_EQ(subscriber->PayloadsOn(Topic("service")), (std::vector<std::string>{"up", "down", "up"}));
 }
 
+// The command in hand gets its half second once the rest of the stop is
+// done, not from the signal on: here the unregistration takes 0.7 s and the
+// command 0.9 s from the signal, and the stop waits for it.
+TEST_F(BridgeFaultTest, StopGivesTheCommandInHandItsTimeAfterTheUnregistration) {
+  StartBroker();
+  StartFake();
+  StartOnline();
+  EventPath();
+  fake->Script(1, Answer::Reply("1\tPONG", std::chrono::milliseconds(900)));
+  fake->Script(5, Answer::Reply("1", std::chrono::milliseconds(700)));
+  auto requester = Client({"test/replies/#"});
+  ASSERT_TRUE(requester->Request(Topic("cmd"), "ping", "test/replies/1", std::nullopt));
+  ASSERT_TRUE(fake->WaitForRequestsFor(1, 1));
+  ExpectCleanStop(SIGTERM, seconds(2));
+  EXPECT_TRUE(WaitForLog("stopped"));
+  EXPECT_FALSE(WaitForLog("a command still waits for the service; its socket files are removed",
+                          std::chrono::milliseconds(0)));
+}
+
 // The records of the captured system log that begin with `start`.
 size_t CountRecords(const std::string& path, const std::string& start) {
   size_t count = 0;

@@ -291,5 +291,22 @@ TEST_F(MqttLinkTest, ReplyLargerThanTheBrokerTakesIsDroppedAndCountedAndTheNextG
   EXPECT_EQ(broker.Log().find("oversize"), std::string::npos);
 }
 
+TEST_F(MqttLinkTest, MessageThatCannotBePublishedForAnotherReasonIsDroppedCountedAndTheNextGoesOut) {
+  ASSERT_TRUE(broker.Start());
+  StartLink();
+  auto client = Subscriber("replies/#");
+  ASSERT_TRUE(client->Subscribe("k/box/status"));
+  ASSERT_TRUE(WaitForOnline(*client));
+  // Correlation data holds at most 65535 bytes.
+  replies.Push(Reply("replies/1", std::string(70000, 'c'), "{\"a\":1}"));
+  replies.Push(Reply("replies/2", std::nullopt, "{\"b\":2}"));
+  ASSERT_TRUE(client->WaitForCount("replies/2", 1));
+  EXPECT_TRUE(SyslogCapture::WaitForRecord(
+      {LOG_ERR,
+       "dropped the message for replies/1: it cannot be published: invalid function arguments provided; 1 dropped "
+       "for such reasons so far"}));
+  EXPECT_TRUE(client->On("replies/1").empty());
+}
+
 }  // namespace
 }  // namespace zel::bridge::test
