@@ -6,8 +6,10 @@
 #   app    uses cli, ipc and util;
 #   tools/service_client, the tools' client core, uses ipc and util only:
 #          never cli, app or the tools built on it;
-#   tools/bridge, kendrivex-bridge, uses the client core, ipc and util only:
-#          never cli, app or the other tools;
+#   tools/mqtt, the tools' MQTT layer, uses util only (and libmosquitto,
+#          whose headers no other folder of the programs includes);
+#   tools/bridge, kendrivex-bridge, uses the client core, the MQTT layer,
+#          ipc and util only: never cli, app or the other tools;
 #   tools  use the client core, cli, ipc and util, never app.
 # No folder above includes anything of tests/ or bench/. An include names a
 # folder by its path ("ipc/ipc_client.h"): the longest layer that begins it,
@@ -27,13 +29,14 @@ endif()
 
 # The folders checked, and the project folders each may include from. A
 # layer inside another (the client core inside tools) is listed before it.
-set(kdxLayers cli util ipc app tools/service_client tools/bridge tools)
+set(kdxLayers cli util ipc app tools/service_client tools/mqtt tools/bridge tools)
 set(kdxAllowed_cli cli)
 set(kdxAllowed_util util)
 set(kdxAllowed_ipc ipc util)
 set(kdxAllowed_app app cli ipc util)
 set(kdxAllowed_tools/service_client tools/service_client ipc util)
-set(kdxAllowed_tools/bridge tools/bridge tools/service_client ipc util)
+set(kdxAllowed_tools/mqtt tools/mqtt util)
+set(kdxAllowed_tools/bridge tools/bridge tools/service_client tools/mqtt ipc util)
 set(kdxAllowed_tools tools tools/service_client cli ipc util)
 # Every folder whose headers an include can name.
 set(kdxFolders ${kdxLayers} tests bench)
@@ -98,6 +101,13 @@ foreach(layer ${kdxLayers})
         continue()
       endif()
       set(included "${CMAKE_MATCH_1}")
+      # libmosquitto's headers belong to the MQTT layer alone.
+      if(included MATCHES "^(mosquitto|mqtt_protocol)\\.h$" AND NOT layer STREQUAL "tools/mqtt")
+        file(RELATIVE_PATH shown "${KDX_SOURCE_DIR}" "${file}")
+        message(NOTICE "${shown}: includes libmosquitto's \"${included}\"; only tools/mqtt/ may")
+        math(EXPR kdxCrossings "${kdxCrossings} + 1")
+        continue()
+      endif()
       kdx_included_folder("${file}" "${included}" folder)
       if(folder AND NOT folder IN_LIST kdxAllowed_${layer})
         file(RELATIVE_PATH shown "${KDX_SOURCE_DIR}" "${file}")

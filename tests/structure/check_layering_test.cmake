@@ -25,8 +25,10 @@ function(kdx_write_clean_tree root)
     "#pragma once\n#include \"ipc/ipc_client.h\"\n#include \"util/socket.h\"\n#include \"tools/service_client/failure.h\"\n")
   file(WRITE "${root}/tools/ctl/main.cpp"
     "#include \"tools/service_client/runner.h\"\n#include \"runner.h\"\n#include \"cli/console.h\"\n")
+  file(WRITE "${root}/tools/mqtt/session.h"
+    "#pragma once\n#include <mosquitto.h>\n#include <mqtt_protocol.h>\n#include \"util/decimal_text.h\"\n")
   file(WRITE "${root}/tools/bridge/bridge.cpp"
-    "#include \"tools/service_client/runner.h\"\n#include \"ipc/ipc_client.h\"\n#include \"util/socket.h\"\n")
+    "#include \"tools/service_client/runner.h\"\n#include \"tools/mqtt/session.h\"\n#include \"ipc/ipc_client.h\"\n#include \"util/socket.h\"\n")
   file(WRITE "${root}/tests/support/helper.h" "#pragma once\n")
 endfunction()
 
@@ -88,6 +90,17 @@ kdx_expect_crossing(core_app tools/service_client/bad.cpp "#include \"app/global
   "tools/service_client/bad.cpp: includes \"app/globals.h\" of app/")
 kdx_expect_crossing(core_tools tools/service_client/bad.cpp "#include \"tools/ctl/arguments.h\""
   "tools/service_client/bad.cpp: includes \"tools/ctl/arguments.h\" of tools/")
+kdx_expect_crossing(mqtt_ipc tools/mqtt/bad.cpp "#include \"ipc/ipc_client.h\""
+  "tools/mqtt/bad.cpp: includes \"ipc/ipc_client.h\" of ipc/")
+kdx_expect_crossing(mqtt_core tools/mqtt/bad.cpp "#include \"tools/service_client/runner.h\""
+  "tools/mqtt/bad.cpp: includes \"tools/service_client/runner.h\" of tools/service_client/")
+kdx_expect_crossing(mqtt_bridge tools/mqtt/bad.h "#include \"tools/bridge/bridge.h\""
+  "tools/mqtt/bad.h: includes \"tools/bridge/bridge.h\" of tools/bridge/")
+kdx_expect_crossing(mqtt_cli tools/mqtt/bad.cpp "#include \"cli/console.h\"" "tools/mqtt/bad.cpp: includes \"cli/console.h\" of cli/")
+kdx_expect_crossing(bridge_mosquitto tools/bridge/bad.cpp "#include <mosquitto.h>"
+  "tools/bridge/bad.cpp: includes libmosquitto's \"mosquitto.h\"; only tools/mqtt/ may")
+kdx_expect_crossing(ctl_mqtt_protocol tools/ctl/bad.cpp "#include <mqtt_protocol.h>"
+  "tools/ctl/bad.cpp: includes libmosquitto's \"mqtt_protocol.h\"; only tools/mqtt/ may")
 kdx_expect_crossing(bridge_cli tools/bridge/bad.cpp "#include \"cli/console.h\""
   "tools/bridge/bad.cpp: includes \"cli/console.h\" of cli/")
 kdx_expect_crossing(bridge_app tools/bridge/bad.cpp "#include \"app/globals.h\""

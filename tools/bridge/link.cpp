@@ -166,8 +166,8 @@ void MqttLink::Lose(Loss loss, const std::string& why) {
   } else if (loss == Loss::Refused) {
     Say(LOG_WARNING, "the broker at " + mBrokerUrl + " refused " + why + again);
   } else {
-    Say(LOG_WARNING, (wasOnline ? "lost the broker at " : "cannot reach the broker at ") + mBrokerUrl + ": " + why +
-                         again);
+    Say(LOG_WARNING,
+        (wasOnline ? "lost the broker at " : "cannot reach the broker at ") + mBrokerUrl + ": " + why + again);
   }
 }
 

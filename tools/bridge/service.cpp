@@ -200,8 +200,8 @@ size_t RemoveStaleSocketFiles(const std::string& dir) {
   }
   ::closedir(stream);
   if (removed != 0) {
-    const std::string text = "removed " + zel::util::DecimalText(static_cast<uint32_t>(removed)) +
-                             " socket files in " + dir + " that ended processes had left";
+    const std::string text = "removed " + zel::util::DecimalText(static_cast<uint32_t>(removed)) + " socket files in " +
+                             dir + " that ended processes had left";
     syslog(LOG_INFO, "%s", text.c_str());
   }
   return removed;

@@ -45,8 +45,7 @@ struct Session::Callbacks {
   static void OnConnect(mosquitto*, void* self, int reason, int, const mosquitto_property* properties) {
     auto* session = static_cast<Session*>(self);
     session->mAnswered = true;
-    mosquitto_property_read_int32(properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, &session->mBrokerMaximumPacketSize,
-                                  false);
+    mosquitto_property_read_int32(properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, &session->mBrokerMaximumPacketSize, false);
     session->mListener.OnConnected(reason);
   }
 
@@ -128,8 +127,8 @@ Session::~Session() {
 std::string Session::Why(int code) const {
   if (code == MOSQ_ERR_TLS && !mLastError.empty()) return mLastError;
   if (code == MOSQ_ERR_KEEPALIVE) {
-    return ErrorText(code) + " within " +
-           zel::util::DecimalText(static_cast<uint32_t>(mSettings.keepAliveSeconds)) + " s";
+    return ErrorText(code) + " within " + zel::util::DecimalText(static_cast<uint32_t>(mSettings.keepAliveSeconds)) +
+           " s";
   }
   return ErrorText(code);
 }
@@ -198,8 +197,8 @@ bool Session::ConfigureConnect(std::string& why) {
   Properties properties;
   int rc = properties.AddInt32(MQTT_PROP_MAXIMUM_PACKET_SIZE, mSettings.maximumPacketSize);
   if (rc == MOSQ_ERR_SUCCESS) {
-    rc = mosquitto_connect_bind_v5(mClient, mSettings.broker.host.c_str(), kNoPort, mSettings.keepAliveSeconds,
-                                   nullptr, properties.list);
+    rc = mosquitto_connect_bind_v5(mClient, mSettings.broker.host.c_str(), kNoPort, mSettings.keepAliveSeconds, nullptr,
+                                   properties.list);
     // The port is refused: the properties are stored.
     if (rc == MOSQ_ERR_INVAL) return true;
     // A connection was made after all: not this library's behaviour.
@@ -279,10 +278,9 @@ bool Session::Subscribe(const std::vector<std::string>& filters, const Subscribe
   // libmosquitto takes the filters as char* and does not change them.
   std::vector<char*> list;
   for (const std::string& filter : filters) list.push_back(const_cast<char*>(filter.c_str()));
-  const int rc = mosquitto_subscribe_multiple(mClient, &mid, static_cast<int>(list.size()), list.data(), kQos,
-                                              (options.retained ? 0 : MQTT_SUB_OPT_SEND_RETAIN_NEVER) |
-                                                  (options.noLocal ? MQTT_SUB_OPT_NO_LOCAL : 0),
-                                              nullptr);
+  const int rc = mosquitto_subscribe_multiple(
+      mClient, &mid, static_cast<int>(list.size()), list.data(), kQos,
+      (options.retained ? 0 : MQTT_SUB_OPT_SEND_RETAIN_NEVER) | (options.noLocal ? MQTT_SUB_OPT_NO_LOCAL : 0), nullptr);
   if (rc == MOSQ_ERR_SUCCESS) return true;
   why = ErrorText(rc);
   return false;

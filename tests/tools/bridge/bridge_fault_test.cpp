@@ -85,13 +85,11 @@ TEST_F(BridgeFaultTest, BeyondTheQueueTheOldestEventsAreDroppedAndTheLogSaysHowM
   for (const char* text : {"1\tone", "1\ttwo", "1\tthree", "1\tfour", "1\tfive"}) {
     ASSERT_TRUE(fake->SendTo(eventPath, text));
   }
-  ASSERT_TRUE(
-      WaitForLog("more than 2 events wait for the broker; dropping the oldest"));
+  ASSERT_TRUE(WaitForLog("more than 2 events wait for the broker; dropping the oldest"));
   ASSERT_TRUE(WaitForLog(CannotReach(2)));
   StartBroker();
   auto subscriber = Client({Topic("event/#")});
-  ASSERT_TRUE(
-      WaitForLog("3 events dropped, the oldest first: the queue keeps 2 while the broker is away"));
+  ASSERT_TRUE(WaitForLog("3 events dropped, the oldest first: the queue keeps 2 while the broker is away"));
   ASSERT_TRUE(subscriber->WaitForCount(Topic("event/1"), 2));
   EXPECT_EQ(EventArgs(*subscriber), (std::vector<std::string>{"four", "five"}));
 }
@@ -109,8 +107,7 @@ TEST_F(BridgeFaultTest, BrokerLostWhileEventsWaitForRoomKeepsTheLastOfTheQueueIn
   ASSERT_TRUE(broker.Stop());
   ASSERT_TRUE(filled) << burst.Sent();
   ASSERT_EQ(burst.Finish(), 2500);
-  ASSERT_TRUE(
-      WaitForLog("more than 100 events wait for the broker; dropping the oldest"));
+  ASSERT_TRUE(WaitForLog("more than 100 events wait for the broker; dropping the oldest"));
   ASSERT_TRUE(WaitForLog(CannotReach(2)));
   StartBroker();
   auto subscriber = Client({Topic("event/#")});
@@ -181,8 +178,7 @@ TEST_F(BridgeFaultTest, ReplyMadeWhileTheBrokerIsAwayIsDroppedAndLogged) {
   ASSERT_TRUE(fake->WaitForRequestsFor(1, 1));
   requester.reset();
   ASSERT_TRUE(broker.Stop());
-  EXPECT_TRUE(
-      WaitForLog("the reply to test/replies/late is dropped: not connected to the broker"));
+  EXPECT_TRUE(WaitForLog("the reply to test/replies/late is dropped: not connected to the broker"));
 }
 
 TEST_F(BridgeFaultTest, BrokerThatNeverAnswersIsLeftAfterTenSecondsAndTriedAgain) {
@@ -200,8 +196,8 @@ TEST_F(BridgeFaultTest, BrokerThatNeverAnswersIsLeftAfterTenSecondsAndTriedAgain
   const std::string url = "mqtt://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
   StartFake();
   StartBridge({"-b", url});
-  EXPECT_TRUE(WaitForLog("cannot reach the broker at " + url + ": no answer within 10 s; trying again in 1 s",
-                         seconds(30)));
+  EXPECT_TRUE(
+      WaitForLog("cannot reach the broker at " + url + ": no answer within 10 s; trying again in 1 s", seconds(30)));
   ExpectCleanStop(SIGTERM, seconds(2));
   ::close(fd);
 }
@@ -316,8 +312,8 @@ TEST_F(BridgeFaultTest, StopGivesTheCommandInHandItsTimeAfterTheUnregistration) 
   ASSERT_TRUE(fake->WaitForRequestsFor(1, 1));
   ExpectCleanStop(SIGTERM, seconds(2));
   EXPECT_TRUE(WaitForLog("stopped"));
-  EXPECT_FALSE(WaitForLog("a command still waits for the service; its socket files are removed",
-                          std::chrono::milliseconds(0)));
+  EXPECT_FALSE(
+      WaitForLog("a command still waits for the service; its socket files are removed", std::chrono::milliseconds(0)));
 }
 
 // The records of the captured system log that begin with `start`.
@@ -353,9 +349,9 @@ TEST_F(BridgeFaultTest, SecondBoxWithTheSameIdIsToldItIsInUseAndLeavesTheBrokerT
   }));
   const size_t attempts = CountRecords(SyslogFile(), "connecting to the broker at ");
   const size_t changes = status->Messages().size();
-  EXPECT_FALSE(WaitForLogMatching([&](const std::string&) {
-    return CountRecords(SyslogFile(), "connecting to the broker at ") > attempts;
-  }, std::chrono::seconds(5)));
+  EXPECT_FALSE(WaitForLogMatching(
+      [&](const std::string&) { return CountRecords(SyslogFile(), "connecting to the broker at ") > attempts; },
+      std::chrono::seconds(5)));
   EXPECT_EQ(status->Messages().size(), changes);
   EXPECT_EQ(status->Messages().back().payload, "online");
   EXPECT_EQ(CountRecords(SyslogFile(), inUse), 1u);

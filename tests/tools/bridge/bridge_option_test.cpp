@@ -3,15 +3,13 @@
 // with status 2, a local set-up failure with status 4, a configuration file
 // whose settings the command line overrides, and what --verbose adds to the
 // system log.
-#include <sys/stat.h>
-
-#include <algorithm>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -209,8 +207,8 @@ TEST_F(BridgeOptionTest, VerboseCopiesTheDiagnosticsToStandardError) {
   uncaptured.env = {"KENDRIVEX_SERVICE=", "KENDRIVEX_DIR="};
   const std::string config = WriteFile("verbose.conf", "verbose = no\nverbose = yes\n");
   bridge = std::make_unique<PipeProcess>(Command({"-c", config}), uncaptured);
-  EXPECT_TRUE(bridge->WaitForErr("cannot reach the broker at " + broker.Url() +
-                                 ": connection refused; trying again in 1 s\n"))
+  EXPECT_TRUE(
+      bridge->WaitForErr("cannot reach the broker at " + broker.Url() + ": connection refused; trying again in 1 s\n"))
       << bridge->Err();
 }
 
@@ -291,8 +289,9 @@ TEST_F(BridgeOptionTest, PasswordFileOthersMayReadAndAPasswordInTheClearAreWarne
   StartBridge({"-b", "mqtt://192.0.2.1:1", "--username", "box1", "--password-file", password});
   EXPECT_TRUE(WaitForLog("permissions 0644 for the password file " + password +
                          " are too open: it should be readable by its owner alone (chmod 600 " + password + ")"));
-  EXPECT_TRUE(WaitForLog("the password of box1 goes unencrypted to the broker at mqtt://192.0.2.1:1; use mqtts:// "
-                         "for a broker on another machine"));
+  EXPECT_TRUE(
+      WaitForLog("the password of box1 goes unencrypted to the broker at mqtt://192.0.2.1:1; use mqtts:// "
+                 "for a broker on another machine"));
 }
 
 TEST_F(BridgeOptionTest, StaleSocketFilesOfEndedProcessesAreRemovedAtStart) {

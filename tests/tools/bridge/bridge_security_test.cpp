@@ -121,8 +121,7 @@ TEST_F(BridgeSecurityTest, TlsBrokerThatTheSystemDoesNotVouchForIsRefused) {
   StartFake();
   auto status = Client({Topic("status")});
   StartBridge({"-b", TlsUrl()});
-  const std::string start =
-      "cannot reach the broker at " + TlsUrl() + ": ";
+  const std::string start = "cannot reach the broker at " + TlsUrl() + ": ";
   ASSERT_TRUE(WaitForLogMatching([&](const std::string& text) {
     return text.rfind(start, 0) == 0 && text.find("certificate verify failed") != std::string::npos &&
            text.find("; trying again in 1 s") != std::string::npos;
@@ -217,8 +216,7 @@ TEST_F(BridgeSecurityTest, ReadmeAccessListKeepsABoxOutOfAnotherBoxsTopics) {
       Options());
   // The broker takes the subscriptions (it passes on nothing it refuses to
   // read) and refuses the publications.
-  EXPECT_TRUE(
-      WaitForLog("the broker refused the publication on kendrivex/box2/status: not authorized (0x87)"));
+  EXPECT_TRUE(WaitForLog("the broker refused the publication on kendrivex/box2/status: not authorized (0x87)"));
   // Its commands are not its own to read; those to every box are, but its
   // replies cannot go out.
   ASSERT_TRUE(op->Request("kendrivex/box2/cmd", "mac", "kendrivex/box2/reply", std::nullopt));
@@ -242,14 +240,15 @@ TEST_F(BridgeSecurityTest, RefusedSubscriptionIsLoggedAsARefusalAndTheWaitsGrow)
   broker.AddConfig({"allow_anonymous false", "plugin /usr/lib/x86_64-linux-gnu/mosquitto_dynamic_security.so",
                     "plugin_opt_config_file " + config});
   StartBroker();
-  const std::vector<std::string> control = {"mosquitto_ctrl", "-h", "127.0.0.1", "-p", std::to_string(broker.Port()),
-                                            "-u", "admin", "-P", "adminpw", "dynsec"};
+  const std::vector<std::string> control = {
+      "mosquitto_ctrl", "-h", "127.0.0.1", "-p",    std::to_string(broker.Port()), "-u",
+      "admin",          "-P", "adminpw",   "dynsec"};
   const std::vector<std::vector<std::string>> steps = {
-      {"createClient", "box1", "-p", "pw1"},
-      {"createRole", "box"},
-      {"addRoleACL", "box", "publishClientSend", "kdx/box1/#", "allow"},
-      {"addRoleACL", "box", "subscribePattern", "kdx/all/cmd", "allow"},
-      {"addClientRole", "box1", "box"},
+      {"createClient",      "box1",        "-p",                "pw1"},
+      {"createRole",                   "box"                    },
+      {"addRoleACL",        "box",         "publishClientSend",                 "kdx/box1/#", "allow"},
+      {"addRoleACL",            "box",                         "subscribePattern", "kdx/all/cmd", "allow"},
+      {"addClientRole", "box1","box"                                },
   };
   for (const std::vector<std::string>& step : steps) {
     std::vector<std::string> argv = control;

@@ -17,8 +17,8 @@
 namespace zel::bridge::test {
 namespace {
 
-using ::zel::test::SyslogCapture;
 using std::chrono::milliseconds;
+using ::zel::test::SyslogCapture;
 
 PendingCommand Command(const std::string& topic) {
   PendingCommand command;
@@ -167,8 +167,9 @@ TEST_F(CommandIntakeTest, EventRegistrationIsNeverTakenEvenWithSendAllowed) {
   settings.allowed = {"ping", "send"};
   for (const char* payload : {"send 4 /tmp/x", "send 5 /tmp/x"}) {
     Take(payload);
-    EXPECT_EQ(OnlyReply(), "{\"box\":\"box1\",\"command\":\"send\",\"status\":2,\"error\":\"send: event "
-                           "registration (commands 4 and 5) is never taken from the broker\"}")
+    EXPECT_EQ(OnlyReply(),
+              "{\"box\":\"box1\",\"command\":\"send\",\"status\":2,\"error\":\"send: event "
+              "registration (commands 4 and 5) is never taken from the broker\"}")
         << payload;
   }
   Take("send 2");
@@ -198,8 +199,7 @@ TEST_F(CommandIntakeTest, PayloadOfExactly8192BytesIsTakenAndOneMoreIsRefused) {
   EXPECT_EQ(queue.Waiting(), 1u);
   Take("ping" + std::string(8189, ' '));
   EXPECT_EQ(queue.Waiting(), 1u);
-  EXPECT_EQ(OnlyReply(),
-            "{\"box\":\"box1\",\"command\":null,\"status\":2,\"error\":\"longer than 8192 bytes\"}");
+  EXPECT_EQ(OnlyReply(), "{\"box\":\"box1\",\"command\":null,\"status\":2,\"error\":\"longer than 8192 bytes\"}");
 }
 
 TEST_F(CommandIntakeTest, BytesThatAreNotUtf8AreRefusedAndNeverEchoed) {

@@ -41,13 +41,12 @@ class MqttLinkTest : public ::testing::Test {
   }
 
   void StartLink() {
-    link = std::make_unique<MqttLink>(settings, topics, events, replies, service, wakeup,
-                                      [this](const zel::mqtt::Message& message) {
-                                        std::lock_guard<std::mutex> lock(mutex);
-                                        received.push_back(Received{std::string(message.topic),
-                                                                    std::string(message.payload),
-                                                                    message.responseTopic, message.correlation});
-                                      });
+    link = std::make_unique<MqttLink>(
+        settings, topics, events, replies, service, wakeup, [this](const zel::mqtt::Message& message) {
+          std::lock_guard<std::mutex> lock(mutex);
+          received.push_back(Received{std::string(message.topic), std::string(message.payload), message.responseTopic,
+                                      message.correlation});
+        });
     link->Start();
   }
 
@@ -93,7 +92,9 @@ class MqttLinkTest : public ::testing::Test {
   }
 
   static Outgoing Event(int number) {
-    return Outgoing{zel::mqtt::Publication{"k/box/event/" + std::to_string(number), "e" + std::to_string(number)}};
+    return Outgoing{
+        zel::mqtt::Publication{"k/box/event/" + std::to_string(number), "e" + std::to_string(number)}
+    };
   }
 
   static Outgoing Reply(const std::string& topic, const std::optional<std::string>& correlation,
@@ -119,8 +120,7 @@ class MqttLinkTest : public ::testing::Test {
 TEST_F(MqttLinkTest, PublishesOnlineRetainedOnceItsSubscriptionsAreAcknowledged) {
   ASSERT_TRUE(broker.Start());
   StartLink();
-  ASSERT_TRUE(SyslogCapture::WaitForRecord(
-      {LOG_INFO, "online: taking commands from k/box/cmd and k/all/cmd"}));
+  ASSERT_TRUE(SyslogCapture::WaitForRecord({LOG_INFO, "online: taking commands from k/box/cmd and k/all/cmd"}));
   // Retained: a client that comes later still reads it, and a command sent
   // then reaches the link.
   auto client = Subscriber("k/box/status");
@@ -205,8 +205,8 @@ TEST_F(MqttLinkTest, TriesAgainAfterOneThenTwoSecondsWhileTheBrokerIsAwayAtStart
     ASSERT_TRUE(SyslogCapture::WaitForRecord({LOG_WARNING, cannot + wait})) << wait;
   }
   ASSERT_TRUE(broker.Start());
-  ASSERT_TRUE(SyslogCapture::WaitForRecord(
-      {LOG_INFO, "connected to the broker at " + settings.connection.broker.Url()}));
+  ASSERT_TRUE(
+      SyslogCapture::WaitForRecord({LOG_INFO, "connected to the broker at " + settings.connection.broker.Url()}));
   auto client = Subscriber("k/box/status");
   EXPECT_TRUE(WaitForOnline(*client));
 }
@@ -263,9 +263,13 @@ std::string DroppedForItsSize(const std::string& topic, size_t bytes, size_t cou
 
 TEST_F(MqttLinkTest, EventLargerThanTheBrokerTakesIsDroppedAndCountedAndTheConnectionStays) {
   auto client = OnlineWithSmallPackets("k/box/event/#");
-  events.Push(Outgoing{zel::mqtt::Publication{"k/box/event/1", std::string(400, 'x')}});
+  events.Push(Outgoing{
+      zel::mqtt::Publication{"k/box/event/1", std::string(400, 'x')}
+  });
   events.Push(Event(2));
-  events.Push(Outgoing{zel::mqtt::Publication{"k/box/event/3", std::string(500, 'x')}});
+  events.Push(Outgoing{
+      zel::mqtt::Publication{"k/box/event/3", std::string(500, 'x')}
+  });
   events.Push(Event(4));
   ASSERT_TRUE(client->WaitForCount("k/box/event/4", 1));
   ASSERT_TRUE(SyslogCapture::WaitForRecord({LOG_ERR, DroppedForItsSize("k/box/event/1", 400, 1)}));

@@ -26,7 +26,9 @@ using ::zel::test::SyslogCapture;
 using ::zel::test::WaitUntil;
 
 Outgoing Event(int number) {
-  return Outgoing{zel::mqtt::Publication{"k/b/event/" + std::to_string(number), std::to_string(number)}};
+  return Outgoing{
+      zel::mqtt::Publication{"k/b/event/" + std::to_string(number), std::to_string(number)}
+  };
 }
 
 std::vector<std::string> Drain(EventOutbox& outbox) {
@@ -59,8 +61,7 @@ TEST(EventOutboxTest, SaysOnceThatItDrops) {
   for (int i = 1; i <= 4; ++i) outbox.Push(Event(i));
   EXPECT_EQ(SyslogCapture::Records(),
             (std::vector<LogRecord>{
-                {LOG_WARNING,
-                 "more than 1 events wait for the broker; dropping the oldest"}
+                {LOG_WARNING, "more than 1 events wait for the broker; dropping the oldest"}
   }));
 }
 

@@ -87,8 +87,9 @@ TEST(StaleSocketFilesTest, ThoseOfEndedProcessesAreRemovedAndTheRestStay) {
     EXPECT_EQ(::access(dir.File(name).c_str(), F_OK), 0) << name;
   }
   EXPECT_EQ(SyslogCapture::Records(),
-            (std::vector<LogRecord>{{LOG_INFO, "removed 3 socket files in " + dir.path() +
-                                                   " that ended processes had left"}}));
+            (std::vector<LogRecord>{
+                {LOG_INFO, "removed 3 socket files in " + dir.path() + " that ended processes had left"}
+  }));
 }
 
 }  // namespace

@@ -16,9 +16,7 @@ using std::chrono::seconds;
 using Clock = Backoff::Clock;
 
 // Whether `wait` lies within +-20 % of `step`.
-bool Around(milliseconds wait, milliseconds step) {
-  return wait >= step * 8 / 10 && wait <= step * 12 / 10;
-}
+bool Around(milliseconds wait, milliseconds step) { return wait >= step * 8 / 10 && wait <= step * 12 / 10; }
 
 TEST(BackoffTest, WaitsDoubleFromOneSecondToThirtyEachWithinTwentyPercent) {
   for (uint32_t seed = 1; seed <= 50; ++seed) {
@@ -88,9 +86,7 @@ TEST(BackoffTest, AcceptedConnectionAloneDoesNotStartTheStepsAgain) {
   for (const int step : {1, 2, 4, 8}) EXPECT_TRUE(Around(backoff.Next(now), seconds(step))) << step;
 }
 
-TEST(BackoffTest, SeedsDifferBetweenCalls) {
-  EXPECT_NE(Backoff::Seed(), Backoff::Seed());
-}
+TEST(BackoffTest, SeedsDifferBetweenCalls) { EXPECT_NE(Backoff::Seed(), Backoff::Seed()); }
 
 }  // namespace
 }  // namespace zel::mqtt::test

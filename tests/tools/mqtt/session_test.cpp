@@ -19,11 +19,11 @@
 namespace zel::mqtt::test {
 namespace {
 
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 using ::zel::test::MqttBroker;
 using ::zel::test::MqttTestClient;
 using ::zel::test::TempDir;
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 // What the broker told the session, copied out of the callbacks.
 struct Recorder : Session::Listener {
@@ -84,8 +84,7 @@ class SessionTest : public ::testing::Test {
   }
 
   bool Connect(Session& session) {
-    return session.Start(why) && PumpUntil(session, [&] { return recorder.connected >= 0; }) &&
-           recorder.connected == 0;
+    return session.Start(why) && PumpUntil(session, [&] { return recorder.connected >= 0; }) && recorder.connected == 0;
   }
 
   TempDir dir;
@@ -164,7 +163,9 @@ TEST_F(SessionTest, MessageLargerThanTheAnnouncedPacketSizeIsNeverDelivered) {
 // will's user property: what the bridge tells a second box with its name by.
 TEST_F(SessionTest, SessionTakenOverIsALostConnectionAndItsWillGoesOutWithItsUserProperty) {
   ASSERT_TRUE(broker.Start());
-  settings.will = Will{"k/box1/status", "offline", true, UserProperty{"instance", "1234"}};
+  settings.will = Will{
+      "k/box1/status", "offline", true, UserProperty{"instance", "1234"}
+  };
   Session session(settings, recorder);
   ASSERT_TRUE(Connect(session)) << why;
   MqttTestClient::Options same;
@@ -204,7 +205,8 @@ TEST_F(SessionTest, BrokerThatStopsAnsweringIsReportedAsAKeepAliveTimeOut) {
   Session session(settings, recorder);
   ASSERT_TRUE(Connect(session)) << why;
   broker.Pause();
-  EXPECT_FALSE(PumpUntil(session, [] { return false; }, std::chrono::seconds(20)));
+  EXPECT_FALSE(PumpUntil(
+      session, [] { return false; }, std::chrono::seconds(20)));
   broker.Resume();
   EXPECT_EQ(why, "the broker did not answer the keep-alive ping within 5 s");
 }
