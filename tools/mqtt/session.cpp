@@ -38,6 +38,13 @@ std::string InSentence(std::string text) {
   return text;
 }
 
+// libmosquitto takes filters as char* and does not change them.
+std::vector<char*> FilterList(const std::vector<std::string>& filters) {
+  std::vector<char*> list;
+  for (const std::string& filter : filters) list.push_back(const_cast<char*>(filter.c_str()));
+  return list;
+}
+
 }  // namespace
 
 // libmosquitto's callbacks, with the session as their user data.
@@ -275,12 +282,18 @@ bool Session::Alive(int code, std::string& why) const {
 
 bool Session::Subscribe(const std::vector<std::string>& filters, const SubscribeOptions& options, int& mid,
                         std::string& why) {
-  // libmosquitto takes the filters as char* and does not change them.
-  std::vector<char*> list;
-  for (const std::string& filter : filters) list.push_back(const_cast<char*>(filter.c_str()));
+  std::vector<char*> list = FilterList(filters);
   const int rc = mosquitto_subscribe_multiple(
-      mClient, &mid, static_cast<int>(list.size()), list.data(), kQos,
+      mClient, &mid, static_cast<int>(list.size()), list.data(), options.qos,
       (options.retained ? 0 : MQTT_SUB_OPT_SEND_RETAIN_NEVER) | (options.noLocal ? MQTT_SUB_OPT_NO_LOCAL : 0), nullptr);
+  if (rc == MOSQ_ERR_SUCCESS) return true;
+  why = ErrorText(rc);
+  return false;
+}
+
+bool Session::Unsubscribe(const std::vector<std::string>& filters, std::string& why) {
+  std::vector<char*> list = FilterList(filters);
+  const int rc = mosquitto_unsubscribe_multiple(mClient, nullptr, static_cast<int>(list.size()), list.data(), nullptr);
   if (rc == MOSQ_ERR_SUCCESS) return true;
   why = ErrorText(rc);
   return false;

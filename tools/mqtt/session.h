@@ -125,9 +125,16 @@ class Session {
   struct SubscribeOptions {
     bool retained = true;  // the retained messages are sent at once (with their retain flag set)
     bool noLocal = false;  // the session's own publications are not sent back to it
+    // The highest QoS the broker delivers at: 1, or 0 where a message lost
+    // with a lost connection does not matter and none may wait for an
+    // acknowledgement (see the broker's limits in the fleet's link).
+    int qos = 1;
   };
-  // Subscribes to `filters` at QoS 1; false with why when it cannot be sent.
+  // Subscribes to `filters`; false with why when it cannot be sent.
   bool Subscribe(const std::vector<std::string>& filters, const SubscribeOptions& options, int& mid, std::string& why);
+  // Ends the subscriptions to `filters`, without waiting for the broker's
+  // acknowledgement; false with why when it cannot be sent.
+  bool Unsubscribe(const std::vector<std::string>& filters, std::string& why);
   // libmosquitto's error number (0 once it is on its way;
   // MOSQ_ERR_OVERSIZE_PACKET, 25, for a message larger than the broker
   // takes).

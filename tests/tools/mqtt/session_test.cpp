@@ -30,6 +30,7 @@ struct Recorder : Session::Listener {
   struct Received {
     std::string topic;
     std::string payload;
+    int qos = 0;
     bool retain = false;
     std::optional<std::string> responseTopic;
     std::optional<std::string> correlation;
@@ -43,7 +44,7 @@ struct Recorder : Session::Listener {
   }
   void OnPublished(int mid, int) override { published.push_back(mid); }
   void OnMessage(const Message& message) override {
-    messages.push_back(Received{std::string(message.topic), std::string(message.payload), message.retain,
+    messages.push_back(Received{std::string(message.topic), std::string(message.payload), message.qos, message.retain,
                                 message.responseTopic, message.correlation, message.userProperty});
   }
 
@@ -139,6 +140,44 @@ TEST_F(SessionTest, SubscriptionWithoutRetainedMessagesGetsOnlyNewOnes) {
   ASSERT_TRUE(PumpUntil(session, [&] { return !recorder.messages.empty(); }));
   ASSERT_EQ(recorder.messages.size(), 1u);
   EXPECT_EQ(recorder.messages[0].topic, "k/new");
+}
+
+TEST_F(SessionTest, SubscriptionAtQos0GetsRetainedAndNewMessagesAtQos0) {
+  ASSERT_TRUE(broker.Start());
+  MqttTestClient other(broker.Port());
+  ASSERT_TRUE(other.Publish("k/old", "retained", 1, true));
+  Session session(settings, recorder);
+  ASSERT_TRUE(Connect(session)) << why;
+  Session::SubscribeOptions atMostOnce;
+  atMostOnce.qos = 0;
+  int mid = 0;
+  ASSERT_TRUE(session.Subscribe({"k/#"}, atMostOnce, mid, why));
+  ASSERT_TRUE(PumpUntil(session, [&] { return recorder.messages.size() == 1; }));
+  EXPECT_EQ(recorder.granted, std::vector<int>{0});
+  ASSERT_TRUE(other.Publish("k/new", "fresh"));
+  ASSERT_TRUE(PumpUntil(session, [&] { return recorder.messages.size() == 2; }));
+  EXPECT_EQ(recorder.messages[0].qos, 0);
+  EXPECT_EQ(recorder.messages[1].qos, 0);
+}
+
+TEST_F(SessionTest, UnsubscribedFilterGetsNothingMore) {
+  ASSERT_TRUE(broker.Start());
+  Session session(settings, recorder);
+  ASSERT_TRUE(Connect(session)) << why;
+  int mid = 0;
+  ASSERT_TRUE(session.Subscribe({"k/a", "k/b"}, NoRetained(), mid, why));
+  ASSERT_TRUE(PumpUntil(session, [&] { return recorder.subscribed == mid; }));
+  ASSERT_TRUE(session.Unsubscribe({"k/a"}, why)) << why;
+  MqttTestClient other(broker.Port());
+  // The broker handles one client's packets in order: the unsubscription
+  // is in place before this subscription is granted.
+  ASSERT_TRUE(session.Subscribe({"k/c"}, NoRetained(), mid, why));
+  ASSERT_TRUE(PumpUntil(session, [&] { return recorder.subscribed == mid; }));
+  ASSERT_TRUE(other.Publish("k/a", "gone"));
+  ASSERT_TRUE(other.Publish("k/b", "kept"));
+  ASSERT_TRUE(PumpUntil(session, [&] { return !recorder.messages.empty(); }));
+  ASSERT_EQ(recorder.messages.size(), 1u);
+  EXPECT_EQ(recorder.messages[0].topic, "k/b");
 }
 
 TEST_F(SessionTest, MessageLargerThanTheAnnouncedPacketSizeIsNeverDelivered) {
