@@ -49,6 +49,31 @@ std::string PlainEvent(const std::string& time, const zel::ipc::IPCEvent& event)
   return TabSeparated(time + "\t" + zel::util::SignedDecimalText(event.id), event.args);
 }
 
+bool ReadReply(const Command& command, const zel::ipc::IPCResult& reply, std::string& plain, std::string& why) {
+  const bool success = reply.code == zel::ipc::ResultSuccess;
+  if (!success) why = "the service answered with code " + zel::util::SignedDecimalText(reply.code);
+  switch (command.reply) {
+    case ReplyStyle::FirstField:
+      if (!success) return false;
+      if (reply.args.empty()) {
+        why = command.noFirstField;
+        return false;
+      }
+      plain = reply.args[0] + "\n";
+      return true;
+    case ReplyStyle::EachField:
+      if (!success) return false;
+      for (const std::string& field : reply.args) plain.append(field).append(1, '\n');
+      return true;
+    case ReplyStyle::Whole:
+    case ReplyStyle::Events:
+      // The reply is printed whatever its code.
+      plain = PlainReply(reply);
+      return success;
+  }
+  return success;
+}
+
 std::string UtcTime(const timespec& moment) {
   tm parts{};
   const time_t seconds = moment.tv_sec;

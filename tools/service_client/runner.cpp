@@ -89,37 +89,6 @@ bool Reachable(const std::string& path, int& error) {
 
 std::string Milliseconds(uint32_t ms) { return zel::util::DecimalText(ms) + " ms"; }
 
-std::string AnsweredCode(int32_t code) {
-  return "the service answered with code " + zel::util::SignedDecimalText(code);
-}
-
-// Reads a reply in its command's style: the plain output and, for a reply
-// that is not a success, why.
-bool ReadReply(const Command& command, const zel::ipc::IPCResult& reply, std::string& plain, std::string& why) {
-  const bool success = reply.code == zel::ipc::ResultSuccess;
-  if (!success) why = AnsweredCode(reply.code);
-  switch (command.reply) {
-    case ReplyStyle::FirstField:
-      if (!success) return false;
-      if (reply.args.empty()) {
-        why = command.noFirstField;
-        return false;
-      }
-      plain = reply.args[0] + "\n";
-      return true;
-    case ReplyStyle::EachField:
-      if (!success) return false;
-      for (const std::string& field : reply.args) plain.append(field).append(1, '\n');
-      return true;
-    case ReplyStyle::Whole:
-    case ReplyStyle::Events:
-      // The reply is printed whatever its code.
-      plain = PlainReply(reply);
-      return success;
-  }
-  return success;
-}
-
 }  // namespace
 
 bool CheckService(const std::string& path, Failure& failure) {

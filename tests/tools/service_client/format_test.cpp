@@ -56,6 +56,35 @@ TEST(FormatTest, PlainEventIsTheTimeNumberAndArgumentsTabSeparated) {
   EXPECT_EQ(PlainEvent("T", Event(9, {})), "T\t9\n");
 }
 
+// What ReadReply made of a reply to the command named `name`: the plain
+// output, then "|" and why when it is not a success.
+std::string Read(const char* name, const zel::ipc::IPCResult& reply) {
+  std::string plain;
+  std::string why;
+  const bool success = ReadReply(*FindCommand(name), reply, plain, why);
+  return success ? plain : plain + "|" + why;
+}
+
+TEST(FormatTest, ReadReplyGivesTheFirstFieldOfASuccess) {
+  EXPECT_EQ(Read("ping", Reply(1, {"PONG", "more"})), "PONG\n");
+  EXPECT_EQ(Read("mac", Reply(1, {})), "|the service's reply holds no MAC address");
+}
+
+TEST(FormatTest, ReadReplyGivesEachFieldOfASuccessAsALine) {
+  EXPECT_EQ(Read("stations", Reply(1, {"a b", "c"})), "a b\nc\n");
+  EXPECT_EQ(Read("stations", Reply(1, {})), "");
+}
+
+TEST(FormatTest, ReadReplyGivesTheWholeReplyOfASendWhateverItsCode) {
+  EXPECT_EQ(Read("send", Reply(1, {"x"})), "1\tx\n");
+  EXPECT_EQ(Read("send", Reply(5, {"x"})), "5\tx\n|the service answered with code 5");
+}
+
+TEST(FormatTest, ReadReplyOfAnotherCodeSaysItAndPrintsNothing) {
+  EXPECT_EQ(Read("ping", Reply(-2, {"PONG"})), "|the service answered with code -2");
+  EXPECT_EQ(Read("stations", Reply(5, {"a"})), "|the service answered with code 5");
+}
+
 TEST(FormatTest, UtcTimeIsToTheMillisecond) {
   EXPECT_EQ(UtcTime(timespec{0, 0}), "1970-01-01T00:00:00.000Z");
   EXPECT_EQ(UtcTime(timespec{1795424400, 123999999}), "2026-11-23T09:00:00.123Z");
