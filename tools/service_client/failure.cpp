@@ -39,6 +39,13 @@ size_t Utf8Length(const std::string& text, size_t at) {
   return length;
 }
 
+// Whether a C1 control character (U+0080 to U+009F, C2 80 to C2 9F in
+// UTF-8) begins at `at`: some terminals take those for commands too.
+bool C1Control(const std::string& text, size_t at) {
+  return static_cast<unsigned char>(text[at]) == 0xC2 && at + 1 < text.size() &&
+         static_cast<unsigned char>(text[at + 1]) <= 0x9F;
+}
+
 // The escape that shows a tab, a line end or the backslash; nullptr for any
 // other byte.
 const char* EscapeOf(unsigned char byte) {
@@ -83,7 +90,7 @@ std::string Shown(const std::string& text, size_t limit) {
     const char* escape = EscapeOf(byte);
     size_t taken = 1;
     if (escape == nullptr) {
-      const size_t length = byte < 0x20 || byte == 0x7F ? 0 : Utf8Length(text, at);
+      const size_t length = byte < 0x20 || byte == 0x7F || C1Control(text, at) ? 0 : Utf8Length(text, at);
       if (length == 0) escape = hex;
       taken = length == 0 ? 1 : length;
     }

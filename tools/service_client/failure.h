@@ -46,8 +46,9 @@ constexpr size_t kShownLength = 80;
 constexpr size_t kShownPathLength = 160;
 
 // `text` as an error line quotes it: tab, line feed, carriage return and the
-// backslash as \t, \n, \r and \\, every other control byte, DEL and every
-// byte that is not part of valid UTF-8 as \xNN; at most `limit` characters
+// backslash as \t, \n, \r and \\, every other control byte, DEL, the bytes
+// of a C1 control character (U+0080 to U+009F) and every byte that is not
+// part of valid UTF-8 as \xNN; at most `limit` characters
 // (an escape or a UTF-8 character never cut), then "..." when cut short.
 std::string Shown(const std::string& text, size_t limit = kShownLength);
 

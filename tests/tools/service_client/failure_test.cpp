@@ -25,6 +25,12 @@ TEST(ShownTest, ControlBytesAndTheBackslashAreEscaped) {
   EXPECT_EQ(Shown(std::string("a\tb\nc\rd\\e\x1b[0m\x7f\0", 15)), "a\\tb\\nc\\rd\\\\e\\x1b[0m\\x7f\\x00");
 }
 
+TEST(ShownTest, C1ControlCharactersAreEscapedByteByByte) {
+  EXPECT_EQ(Shown("a\xc2\x9b"
+                  "2J\xc2\x80\xc2\x9f\xc2\xa0"),
+            "a\\xc2\\x9b2J\\xc2\\x80\\xc2\\x9f\xc2\xa0");
+}
+
 TEST(ShownTest, Utf8CharactersAreKept) {
   EXPECT_EQ(Shown("caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"), "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80");
 }
