@@ -48,7 +48,6 @@ Link::Link(const mqtt::ConnectionSettings& settings, const Topics& topics, milli
     : mSettings(settings),
       mTopics(topics),
       mConnectTimeout(connectTimeout),
-      mUrl(settings.broker.Url()),
       mMarker(topics.Marker(NewRunId())),
       mBackoff(mqtt::Backoff::Seed()) {}
 
@@ -129,8 +128,9 @@ bool Link::SendSubscription(const Subscription& subscription, int& mid, std::str
 }
 
 void Link::Unsubscribe(const std::vector<std::string>& filters) {
-  const auto kept = std::find_if(mKept.begin(), mKept.end(),
-                                 [&filters](const Subscription& subscription) { return subscription.filters == filters; });
+  const auto kept = std::find_if(mKept.begin(), mKept.end(), [&filters](const Subscription& subscription) {
+    return subscription.filters == filters;
+  });
   if (kept != mKept.end()) mKept.erase(kept);
   std::string why;
   // Without a connection there is nothing to end: the next one makes only
@@ -186,7 +186,8 @@ bool Link::Poll(int timeoutMs, std::vector<pollfd>& watched, std::string& why) {
   std::vector<pollfd> fds = watched;
   const int fd = mSession ? mSession->Fd() : -1;
   if (fd >= 0) fds.push_back(pollfd{fd, static_cast<short>(POLLIN | (mSession->WantWrite() ? POLLOUT : 0)), 0});
-  const int ready = mCompletions.empty() && mState != State::Gone ? ::poll(fds.data(), fds.size(), WaitMs(timeoutMs)) : 0;
+  const int ready =
+      mCompletions.empty() && mState != State::Gone ? ::poll(fds.data(), fds.size(), WaitMs(timeoutMs)) : 0;
   for (size_t i = 0; i < watched.size(); ++i) watched[i].revents = ready > 0 ? fds[i].revents : 0;
   if (mSession) {
     const short revents = fd >= 0 && ready > 0 ? fds.back().revents : 0;
@@ -290,7 +291,8 @@ void Link::OnPublished(int mid, int reason) {
                                     [mid](const Pending& entry) { return entry.mid == mid; });
   if (pending == mPublications.end()) return;
   const bool ok = reason < mqtt::kFirstRefusal;
-  Finish(std::move(*pending), Answer{ok, reason, ok ? std::string() : "the broker refused it: " + mqtt::ReasonText(reason)});
+  Finish(std::move(*pending),
+         Answer{ok, reason, ok ? std::string() : "the broker refused it: " + mqtt::ReasonText(reason)});
   mPublications.erase(pending);
 }
 

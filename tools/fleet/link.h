@@ -81,7 +81,7 @@ class Link final : private zel::mqtt::Session::Listener {
   // Connected, and (when kept) every subscription granted again.
   bool Up() const { return mState == State::Up; }
   // The broker as messages name it: "mqtt://127.0.0.1:1883".
-  const std::string& Url() const { return mUrl; }
+  std::string Url() const { return mSettings.broker.Url(); }
 
   // Subscribes to `filters` at `qos` (kept: again after every reconnection);
   // `done` is told of the broker's answer to this first one, a refusal
@@ -138,7 +138,6 @@ class Link final : private zel::mqtt::Session::Listener {
   const zel::mqtt::ConnectionSettings& mSettings;
   const Topics& mTopics;
   const milliseconds mConnectTimeout;
-  const std::string mUrl;
   const std::string mMarker;  // this link's sync marker topic
   std::vector<Receiver*> mReceivers;
   Watcher* mWatcher = nullptr;  // set while the connection is kept

@@ -182,8 +182,8 @@ void Run::SendCommands() {
 }
 
 void Run::Expire() {
-  const std::string why = mRefusal.empty() ? "no reply within " + Milliseconds(mTimeout)
-                                           : "cannot take replies: " + mRefusal;
+  const std::string why =
+      mRefusal.empty() ? "no reply within " + Milliseconds(mTimeout) : "cannot take replies: " + mRefusal;
   std::vector<std::string> open;
   for (const auto& [id, expected] : mBoxes) {
     if (!expected.done) open.push_back(id);
@@ -226,7 +226,8 @@ void Run::OnMessage(const zel::mqtt::Message& message) {
   }
   // On this run's reply topic: from here on, whatever fails is counted.
   const auto expected = mBoxes.find(box);
-  if (!mSent || expected == mBoxes.end() || expected->second.done || message.correlation != expected->second.correlation) {
+  if (!mSent || expected == mBoxes.end() || expected->second.done ||
+      message.correlation != expected->second.correlation) {
     mSkipped.Add(Skip::Unasked);
     return;
   }

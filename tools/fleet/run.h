@@ -48,15 +48,14 @@ struct RunCommand {
 // against the command table; false with a usage failure for an unknown
 // command, one that a line of kendrivex-ctl - cannot hold (watch), or a word
 // with a blank, tab or line end in it.
-bool ParseRunCommand(const std::vector<std::string>& words, RunCommand& command,
-                     zel::service_client::Failure& failure);
+bool ParseRunCommand(const std::vector<std::string>& words, RunCommand& command, zel::service_client::Failure& failure);
 
 // What came of the run on one box.
 struct BoxResult {
   // As the run's exit status counts it.
   static constexpr int kSuccess = 0;
-  static constexpr int kOtherwise = 1;   // answered, but not with success
-  static constexpr int kNoAnswer = 3;    // did not answer, or could not be asked
+  static constexpr int kOtherwise = 1;  // answered, but not with success
+  static constexpr int kNoAnswer = 3;   // did not answer, or could not be asked
 
   std::string box;
   int status = kSuccess;
@@ -148,8 +147,8 @@ class Run final : public Link::Receiver {
   milliseconds mTimeout{0};
   Clock::time_point mDeadline = Clock::time_point::max();
   std::map<std::string, Asked> mBoxes;  // the expected boxes
-  size_t mOpen = 0;  // expected boxes without a result
-  size_t mCounts[4] = {};  // results by status
+  size_t mOpen = 0;                     // expected boxes without a result
+  size_t mCounts[4] = {};               // results by status
   SkipCount mSkipped;
   // The broker's answers may come after the run has ended: they find it
   // gone through this.

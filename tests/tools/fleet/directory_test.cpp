@@ -119,7 +119,10 @@ TEST_F(DirectoryTest, LeavesOtherTopicsAlone) {
 }
 
 TEST_F(DirectoryTest, SkipsABoxWhoseIdHoldsAControlCharacter) {
-  EXPECT_EQ(Take("kdx/b\xc2\x9b" "1/status", "online"), BoxDirectory::Taken::Skipped);
+  EXPECT_EQ(Take("kdx/b\xc2\x9b"
+                 "1/status",
+                 "online"),
+            BoxDirectory::Taken::Skipped);
   EXPECT_EQ(Take("kdx/b\x7f/status", "online"), BoxDirectory::Taken::Skipped);
   EXPECT_TRUE(directory.Boxes().empty());
 }

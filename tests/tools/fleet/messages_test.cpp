@@ -13,7 +13,9 @@ namespace {
 
 const char kBox[] = "box1";
 
-std::string Deep(int levels) { return std::string(static_cast<size_t>(levels), '[') + std::string(static_cast<size_t>(levels), ']'); }
+std::string Deep(int levels) {
+  return std::string(static_cast<size_t>(levels), '[') + std::string(static_cast<size_t>(levels), ']');
+}
 
 TEST(TopicsTest, NameEachLeafOfABoxAndOfEveryBox) {
   const Topics topics("site/kdx");
@@ -175,7 +177,8 @@ TEST(EventTest, NestedDeeperThanAnyBoxSendsIsSkipped) {
 TEST(EventTest, ControlCharactersOfItsTextsAreEscapedInItsJson) {
   Event event;
   Skip reason = Skip::Unasked;
-  ASSERT_TRUE(ParseEvent(kBox, "{\"time\":\"t\",\"id\":1,\"args\":[\"\\u001b[2J\\u007f\\u009b\xc2\xa0\"]}", event, reason));
+  ASSERT_TRUE(
+      ParseEvent(kBox, "{\"time\":\"t\",\"id\":1,\"args\":[\"\\u001b[2J\\u007f\\u009b\xc2\xa0\"]}", event, reason));
   EXPECT_EQ(event.args[0], "\x1b[2J\x7f\xc2\x9b\xc2\xa0");
   EXPECT_EQ(event.json, "{\"time\":\"t\",\"id\":1,\"args\":[\"\\u001b[2J\\u007f\\u009b\xc2\xa0\"],\"box\":\"box1\"}");
 }
