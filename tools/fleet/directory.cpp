@@ -68,6 +68,14 @@ BoxDirectory::Taken BoxDirectory::Take(const zel::mqtt::Message& message, const 
   return Taken::Box;
 }
 
+void BoxDirectory::OnMessage(const zel::mqtt::Message& message) {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  std::string box;
+  const Taken taken = Take(message, now, mSkipped, box);
+  if (mOnChange && (taken == Taken::Box || taken == Taken::Event)) mOnChange(taken, box);
+}
+
 const BoxDirectory::Box* BoxDirectory::Find(const std::string& id) const {
   const auto found = mBoxes.find(id);
   return found == mBoxes.end() ? nullptr : &found->second;

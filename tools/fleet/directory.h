@@ -5,23 +5,27 @@
 // of it then is stale), its last event and when the fleet saw its status or
 // service change (unknown for what arrived as retained: a retained message
 // says nothing of when it was published). Sorted by ID, bounded in boxes;
-// what a box sends is checked (messages.h) and what fails is counted. Also
-// the lines `ls` prints for a box. One thread; owns its boxes.
+// what a box sends is checked (messages.h) and what fails is counted. It
+// takes the messages of a link as one of its receivers, or from its user.
+// Also the lines `ls` prints for a box. One thread; owns its boxes.
 #pragma once
 
 #include <time.h>
 
 #include <cstddef>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
+#include "tools/fleet/link.h"
 #include "tools/fleet/messages.h"
 #include "tools/mqtt/session.h"
 
 namespace zel::fleet {
 
-class BoxDirectory {
+class BoxDirectory final : public Link::Receiver {
  public:
   // Boxes beyond this many are not taken in (and counted).
   static constexpr size_t kMaxBoxes = 100000;
@@ -47,11 +51,20 @@ class BoxDirectory {
     Skipped,  // a box's message that failed its checks (counted), or a box beyond the limit
   };
 
+  // Told of each box that changed or sent an event.
+  using OnChange = std::function<void(Taken taken, const std::string& box)>;
+
   explicit BoxDirectory(const Topics& topics) : mTopics(topics) {}
 
   // Takes `message`, which arrived at `now` (wall-clock time); `box` is the
   // box it concerns. Skipped messages are added to `skipped`.
   Taken Take(const zel::mqtt::Message& message, const timespec& now, SkipCount& skipped, std::string& box);
+  // As the link's receiver: takes each message at the wall-clock time it
+  // arrives, counting what is skipped in Skipped(), and tells `onChange`
+  // (when set) what changed.
+  void OnMessage(const zel::mqtt::Message& message) override;
+  void SetOnChange(OnChange onChange) { mOnChange = std::move(onChange); }
+  const SkipCount& Skipped() const { return mSkipped; }
 
   // The box of this ID; nullptr when the directory has none.
   const Box* Find(const std::string& id) const;
@@ -78,6 +91,8 @@ class BoxDirectory {
   const Topics& mTopics;
   std::map<std::string, Box> mBoxes;
   uint64_t mRefused = 0;
+  SkipCount mSkipped;  // of the messages taken as a receiver
+  OnChange mOnChange;
 };
 
 }  // namespace zel::fleet

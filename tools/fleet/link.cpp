@@ -44,12 +44,15 @@ int MsUntil(Link::Clock::time_point when) {
 
 }  // namespace
 
-Link::Link(const mqtt::ConnectionSettings& settings, const Topics& topics, milliseconds connectTimeout)
-    : mSettings(settings),
+Link::Link(mqtt::ConnectionSettings settings, const Topics& topics, milliseconds connectTimeout)
+    : mSettings(std::move(settings)),
       mTopics(topics),
       mConnectTimeout(connectTimeout),
       mMarker(topics.Marker(NewRunId())),
-      mBackoff(mqtt::Backoff::Seed()) {}
+      mBackoff(mqtt::Backoff::Seed()) {
+  mSettings.maximumPacketSize = kMaximumPacketSize;
+  mSettings.receiveMaximum = kReceiveMaximum;
+}
 
 Link::~Link() = default;
 

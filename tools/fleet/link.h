@@ -11,8 +11,9 @@
 // Threading: one thread. The receivers get messages from inside Poll, while
 // libmosquitto holds them: they must neither copy more than they checked
 // nor close the link. A Done is called from Poll after the session's work,
-// never from inside the call that asked for it. The settings, topics,
-// receivers and watcher outlive the link; it owns its session.
+// never from inside the call that asked for it. The topics, receivers and
+// watcher outlive the link; it owns its session and its copy of the
+// settings.
 #pragma once
 
 #include <poll.h>
@@ -65,8 +66,21 @@ class Link final : private zel::mqtt::Session::Listener {
     ~Watcher() = default;
   };
 
-  // `connectTimeout`: how long the broker may take to answer a connection.
-  Link(const zel::mqtt::ConnectionSettings& settings, const Topics& topics, milliseconds connectTimeout);
+  // The largest packet the fleet takes, announced in CONNECT: room for a
+  // payload over kMaxPayload with its topic and properties, so that such a
+  // payload reaches the fleet's checks and is counted there rather than
+  // dropped unseen by the broker; larger ones never arrive.
+  static constexpr uint32_t kMaximumPacketSize = 1048576;
+  // Unacknowledged QoS 1 messages the broker may have under way to the
+  // fleet, announced in CONNECT: the most MQTT allows, so that the replies
+  // of thousands of boxes at once never wait in the broker's queue for the
+  // fleet (which drops them beyond max_queued_messages).
+  static constexpr uint16_t kReceiveMaximum = 65535;
+
+  // `settings` (copied) with the fleet's Maximum Packet Size and Receive
+  // Maximum; `connectTimeout`: how long the broker may take to answer a
+  // connection.
+  Link(zel::mqtt::ConnectionSettings settings, const Topics& topics, milliseconds connectTimeout);
   ~Link() override;
   Link(const Link&) = delete;
   Link& operator=(const Link&) = delete;
@@ -135,7 +149,7 @@ class Link final : private zel::mqtt::Session::Listener {
   void OnPublished(int mid, int reason) override;
   void OnMessage(const zel::mqtt::Message& message) override;
 
-  const zel::mqtt::ConnectionSettings& mSettings;
+  zel::mqtt::ConnectionSettings mSettings;
   const Topics& mTopics;
   const milliseconds mConnectTimeout;
   const std::string mMarker;  // this link's sync marker topic

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <utility>
 
 #include "tools/service_client/format.h"
@@ -261,6 +262,38 @@ BoxResult Run::Read(const std::string& box, const Reply& reply) const {
   result.plain = Prefixed(box, plain);
   result.status = success ? BoxResult::kSuccess : BoxResult::kOtherwise;
   return result;
+}
+
+Waited Execute(Link& link, BoxDirectory& directory, Run& run, std::chrono::milliseconds timeout, int stopFd,
+               std::string& why) {
+  std::optional<Link::Answer> synced;
+  // The reply subscription goes first: its answer comes before the marker's
+  // echo, so the command can go out as soon as the statuses are in.
+  if (!run.Prepare(why) || !link.Subscribe(run.StatusFilters(), 0, nullptr, why) ||
+      !link.Sync([&synced](const Link::Answer& answer) { synced = answer; }, why)) {
+    return Waited::Gone;
+  }
+  Waited waited = Await(
+      link, stopFd, [&synced] { return synced.has_value(); }, Link::Clock::now() + timeout, why);
+  if (waited != Waited::Done) return waited;
+  if (!synced->ok) {
+    why = synced->why;
+    return Waited::Gone;
+  }
+  run.Launch(directory, timeout);
+  while (!run.Finished()) {
+    // The deadline is known once the command has gone out, which waits for
+    // the reply subscription only if the broker answers it after the sync.
+    const bool sent = run.Deadline() != Link::Clock::time_point::max();
+    const Link::Clock::time_point deadline = sent ? run.Deadline() : Link::Clock::now() + timeout;
+    waited = Await(
+        link, stopFd,
+        [&run, sent] { return run.Finished() || (!sent && run.Deadline() != Link::Clock::time_point::max()); },
+        deadline, why);
+    if (waited == Waited::Stopped || waited == Waited::Gone) return waited;
+    if (waited == Waited::TimedOut) run.Expire();
+  }
+  return Waited::Done;
 }
 
 }  // namespace zel::fleet

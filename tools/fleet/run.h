@@ -155,4 +155,14 @@ class Run final : public Link::Receiver {
   std::shared_ptr<bool> mAlive;
 };
 
+// Runs `run` on a connected link that feeds `directory`: the expected
+// boxes' statuses are read up to the sync marker (within `timeout`), then the
+// command goes out and the replies are gathered until every expected box has
+// its result or `timeout` has passed since the command went out, when the
+// boxes left get theirs. Done at the end of the run; Stopped when `stopFd`
+// became readable, TimedOut when the broker did not answer the
+// subscriptions in time, Gone when the connection ended (with why).
+Waited Execute(Link& link, BoxDirectory& directory, Run& run, std::chrono::milliseconds timeout, int stopFd,
+               std::string& why);
+
 }  // namespace zel::fleet

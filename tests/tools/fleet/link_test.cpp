@@ -15,11 +15,13 @@
 #include "tests/support/mqtt_broker.h"
 #include "tests/support/mqtt_test_client.h"
 #include "tests/support/temp_dir.h"
+#include "tests/tools/fleet/fleet_test.h"
 
 namespace zel::fleet {
 namespace {
 
 using std::chrono::milliseconds;
+using test::LoopbackSettings;
 using ::zel::test::MqttBroker;
 using ::zel::test::MqttTestClient;
 using ::zel::test::TempDir;
@@ -51,11 +53,7 @@ class LinkTest : public ::testing::Test {
     ASSERT_TRUE(zel::mqtt::InitLibrary(why)) << why;
   }
 
-  LinkTest() {
-    settings.broker.host = "127.0.0.1";
-    settings.broker.port = broker.Port();
-    link.AddReceiver(recorder);
-  }
+  LinkTest() { link.AddReceiver(recorder); }
 
   // Polls until `done` holds; how the wait ended.
   Waited Until(const std::function<bool()>& done, milliseconds timeout = std::chrono::seconds(10)) {
@@ -70,15 +68,17 @@ class LinkTest : public ::testing::Test {
   // Subscribes and waits for the broker's answer.
   Link::Answer Subscribe(const std::vector<std::string>& filters, int qos = 1) {
     std::optional<Link::Answer> answer;
-    EXPECT_TRUE(link.Subscribe(filters, qos, [&](const Link::Answer& given) { answer = given; }, why)) << why;
+    EXPECT_TRUE(link.Subscribe(
+        filters, qos, [&](const Link::Answer& given) { answer = given; }, why))
+        << why;
     EXPECT_EQ(Until([&] { return answer.has_value(); }), Waited::Done) << why;
     return answer.value_or(Link::Answer{false, 0, "no answer"});
   }
 
   Link::Answer Publish(const std::string& topic, const std::string& payload) {
     std::optional<Link::Answer> answer;
-    EXPECT_TRUE(link.Publish(zel::mqtt::Publication(topic, payload), [&](const Link::Answer& given) { answer = given; },
-                             why))
+    EXPECT_TRUE(link.Publish(
+        zel::mqtt::Publication(topic, payload), [&](const Link::Answer& given) { answer = given; }, why))
         << why;
     EXPECT_EQ(Until([&] { return answer.has_value(); }), Waited::Done) << why;
     return answer.value_or(Link::Answer{false, 0, "no answer"});
@@ -87,7 +87,7 @@ class LinkTest : public ::testing::Test {
   TempDir dir;
   MqttBroker broker{dir.path()};
   Topics topics{"kdx"};
-  zel::mqtt::ConnectionSettings settings;
+  zel::mqtt::ConnectionSettings settings = LoopbackSettings(broker.Port());
   Link link{settings, topics, milliseconds(2000)};
   Recorder recorder;
   std::string why;
@@ -100,7 +100,8 @@ TEST_F(LinkTest, SyncEndsAfterEveryRetainedMessageOfTheSubscriptionsBeforeIt) {
   ASSERT_TRUE(broker.Start());
   {
     MqttTestClient boxes(broker.Port());
-    for (int i = 0; i < 2000; ++i) ASSERT_TRUE(boxes.Publish("kdx/b" + std::to_string(i) + "/status", "online", 1, true));
+    for (int i = 0; i < 2000; ++i)
+      ASSERT_TRUE(boxes.Publish("kdx/b" + std::to_string(i) + "/status", "online", 1, true));
   }
   ASSERT_NO_FATAL_FAILURE(Connect());
   ASSERT_TRUE(link.Subscribe({topics.OfEveryBox("status")}, 0, nullptr, why)) << why;
@@ -256,11 +257,14 @@ TEST_F(LinkTest, KeptLinkTriesAgainWhileTheBrokerIsAway) {
 TEST_F(LinkTest, AwaitEndsWhenTheStopDescriptorIsReadableAndAtItsDeadline) {
   ASSERT_TRUE(broker.Start());
   ASSERT_NO_FATAL_FAILURE(Connect());
-  EXPECT_EQ(Await(link, -1, [] { return false; }, Link::Clock::now() + milliseconds(50), why), Waited::TimedOut);
+  EXPECT_EQ(Await(
+                link, -1, [] { return false; }, Link::Clock::now() + milliseconds(50), why),
+            Waited::TimedOut);
   int fds[2] = {-1, -1};
   ASSERT_EQ(::pipe(fds), 0);
   ASSERT_EQ(::write(fds[1], "x", 1), 1);
-  EXPECT_EQ(Await(link, fds[0], [] { return false; }, Link::Clock::now() + std::chrono::seconds(10), why),
+  EXPECT_EQ(Await(
+                link, fds[0], [] { return false; }, Link::Clock::now() + std::chrono::seconds(10), why),
             Waited::Stopped);
   ::close(fds[0]);
   ::close(fds[1]);

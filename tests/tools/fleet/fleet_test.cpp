@@ -1,0 +1,37 @@
+#include "tests/tools/fleet/fleet_test.h"
+
+#include "gtest/gtest.h"
+
+namespace zel::fleet::test {
+
+zel::mqtt::ConnectionSettings LoopbackSettings(int port) {
+  zel::mqtt::ConnectionSettings settings;
+  settings.broker.host = "127.0.0.1";
+  settings.broker.port = port;
+  return settings;
+}
+
+PlayedBox::PlayedBox(int port, const std::string& id, const std::string& status) : mId(id), mClient(port) {
+  EXPECT_TRUE(mClient.Subscribe("kdx/" + id + "/cmd"));
+  EXPECT_TRUE(mClient.Publish("kdx/" + id + "/status", status, 1, true));
+}
+
+std::vector<MqttTestClient::Message> PlayedBox::Commands() const { return mClient.On("kdx/" + mId + "/cmd"); }
+
+bool PlayedBox::Answer(const std::vector<std::string>& payloads, const std::optional<std::string>& correlation) {
+  if (!mClient.WaitForCount("kdx/" + mId + "/cmd", 1)) return false;
+  const MqttTestClient::Message command = Commands().front();
+  for (const std::string& payload : payloads) {
+    if (!mClient.Request(command.responseTopic.value_or(""), payload, "unused/reply",
+                         correlation ? correlation : command.correlation)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+std::string Pong(const std::string& box) {
+  return R"({"command":"ping","code":1,"args":["PONG"],"box":")" + box + "\"}";
+}
+
+}  // namespace zel::fleet::test
