@@ -9,22 +9,29 @@
 // subscriptions it subscribes to a marker topic of its own (unique to the
 // link, below PREFIX/all/, where no box publishes or subscribes) and
 // publishes a marker there. Mosquitto handles one client's packets in the
-// order they come, one at a time: while it handles a SUBSCRIBE it queues the
-// matching retained messages for the client, and writes them out before it
-// reads the client's next packet; the marker's PUBLISH comes later and is
-// queued behind them. So the marker's echo arrives after every retained
-// message of the subscriptions made before it (mosquitto 2.0's
-// handle__subscribe and retain__queue, src/handle_subscribe.c and
-// src/retain.c). No fixed wait, and nothing to guess when the broker is
-// slow or the retained messages are many.
+// order they come, one at a time: while it handles a SUBSCRIBE it puts the
+// matching retained messages at the end of the client's outgoing lists
+// (handle__subscribe and retain__queue, src/handle_subscribe.c and
+// src/retain.c of Mosquitto 2.0), and it reads the marker's PUBLISH only
+// after that, so the marker's copy is appended behind them. Delivered at the
+// same QoS as they are, it cannot overtake them: the marker's echo arrives
+// after every retained message of the subscriptions made before it. No
+// fixed wait, and nothing to guess when the broker is slow or the retained
+// messages are many. Measured on 2000 retained statuses, and at the central
+// broker of a federation; this is Mosquitto's way, not a promise of MQTT (a
+// clustered broker may send retained messages on their own).
 //
-// Retained messages at QoS 1 count against the Receive Maximum and the
-// broker's queue (max_queued_messages, 1000 by default), beyond which it
-// drops them: the statuses of more than a thousand boxes at QoS 1 would be
-// cut short, and the marker dropped with them. The directory therefore
-// subscribes at QoS 0: the broker queues those without a limit while it
-// handles the SUBSCRIBE. The marker goes at QoS 1, which no QoS 0 message
-// holds up.
+// Retained messages at QoS 1 wait in the broker's queue for the client
+// beyond its Receive Maximum, and are dropped beyond the queue's limit
+// (max_queued_messages, 1000 by default): the statuses of more than a
+// thousand boxes at QoS 1 would be cut short, and a QoS 0 marker would
+// overtake those waiting. So the directory's subscriptions and the marker's
+// are at QoS 0: all of them go out as they are queued, in order. The broker
+// may still drop messages to a client that reads too slowly (beyond
+// max_queued_messages packets unwritten); the marker, at the same QoS, is
+// then as likely to be dropped, and the sync times out rather than ending
+// early. The marker is published at QoS 1, so that a broker whose access
+// rules refuse it says so at once.
 namespace zel::fleet {
 namespace {
 
@@ -34,7 +41,7 @@ using std::chrono::milliseconds;
 // The longest wait without a look at the connection: the session keeps it
 // alive from Step.
 constexpr int kTickMs = 1000;
-constexpr int kMarkerQos = 1;
+constexpr int kMarkerQos = 0;
 const char kNotConnected[] = "not connected to the broker";
 
 int MsUntil(Link::Clock::time_point when) {
@@ -46,7 +53,6 @@ int MsUntil(Link::Clock::time_point when) {
 
 Link::Link(mqtt::ConnectionSettings settings, const Topics& topics, milliseconds connectTimeout)
     : mSettings(std::move(settings)),
-      mTopics(topics),
       mConnectTimeout(connectTimeout),
       mMarker(topics.Marker(NewRunId())),
       mBackoff(mqtt::Backoff::Seed()) {
@@ -155,7 +161,15 @@ bool Link::Sync(Done done, std::string& why) {
     mMarkerSubscribed = true;
   }
   const int number = ++mSyncsSent;
-  if (!Publish(mqtt::Publication(mMarker, zel::util::DecimalText(static_cast<uint32_t>(number))), nullptr, why)) {
+  const auto refused = [this, number](const Answer& answer) {
+    if (answer.ok) return;
+    const auto sync =
+        std::find_if(mSyncs.begin(), mSyncs.end(), [number](const Pending& entry) { return entry.mid == number; });
+    if (sync == mSyncs.end()) return;
+    Finish(std::move(*sync), Answer{false, answer.reason, "the sync marker on " + mMarker + ": " + answer.why});
+    mSyncs.erase(sync);
+  };
+  if (!Publish(mqtt::Publication(mMarker, zel::util::DecimalText(static_cast<uint32_t>(number))), refused, why)) {
     return false;
   }
   mSyncs.push_back(Pending{number, std::move(done), {}, false});

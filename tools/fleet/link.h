@@ -11,7 +11,7 @@
 // Threading: one thread. The receivers get messages from inside Poll, while
 // libmosquitto holds them: they must neither copy more than they checked
 // nor close the link. A Done is called from Poll after the session's work,
-// never from inside the call that asked for it. The topics, receivers and
+// never from inside the call that asked for it. The receivers and the
 // watcher outlive the link; it owns its session and its copy of the
 // settings.
 #pragma once
@@ -150,7 +150,6 @@ class Link final : private zel::mqtt::Session::Listener {
   void OnMessage(const zel::mqtt::Message& message) override;
 
   zel::mqtt::ConnectionSettings mSettings;
-  const Topics& mTopics;
   const milliseconds mConnectTimeout;
   const std::string mMarker;  // this link's sync marker topic
   std::vector<Receiver*> mReceivers;

@@ -106,10 +106,15 @@ bool ReadStrings(const Json* value, std::vector<std::string>& strings) {
   return true;
 }
 
-// Whether the object's "box" is `box`: Malformed when it is not a string,
-// OtherBox when it names another; an object without one passes when
-// `required` is false.
+// Whether the object's "box" is `box`: Malformed when it is not a string
+// or `box` is no valid ID, OtherBox when it names another; an object without
+// one passes when `required` is false.
 bool SameBox(const Json& object, const std::string& box, bool required, Skip& reason) {
+  std::string why;
+  if (!ValidBoxId(box, why)) {
+    reason = Skip::Malformed;
+    return false;
+  }
   const Json* named = Member(object, "box");
   if (named == nullptr && !required) return true;
   std::string text;

@@ -140,6 +140,16 @@ TEST(EventTest, NamingAnotherBoxIsSkippedAsSuch) {
   EXPECT_EQ(reason, Skip::OtherBox);
 }
 
+TEST(EventTest, OnATopicWhoseBoxIsNoValidIdIsSkippedAsMalformed) {
+  Event event;
+  Skip reason = Skip::Unasked;
+  EXPECT_FALSE(ParseEvent("b\xff", R"({"time":"t","id":1,"args":[]})", event, reason));
+  EXPECT_EQ(reason, Skip::Malformed);
+  Reply reply;
+  EXPECT_FALSE(ParseReply("all", R"({"command":"ping","code":1,"args":[],"box":"all"})", reply, reason));
+  EXPECT_EQ(reason, Skip::Malformed);
+}
+
 TEST(EventTest, OfAnotherFormIsSkippedAsMalformed) {
   for (const std::string payload :
        {"", "not json", "[1]", "\"text\"", R"({"time":1,"id":1,"args":[]})", R"({"time":"t","id":"1","args":[]})",

@@ -19,12 +19,12 @@ namespace zel::fleet {
 namespace {
 
 using std::chrono::milliseconds;
-using ::zel::test::MqttBroker;
-using ::zel::test::MqttTestClient;
-using ::zel::test::TempDir;
 using test::LoopbackSettings;
 using test::PlayedBox;
 using test::Pong;
+using ::zel::test::MqttBroker;
+using ::zel::test::MqttTestClient;
+using ::zel::test::TempDir;
 namespace core = zel::service_client;
 
 std::string TargetFailure(const std::string& text) {
@@ -98,9 +98,7 @@ class RunTest : public ::testing::Test, public zel::fleet::Run::Observer {
     ASSERT_TRUE(zel::mqtt::InitLibrary(why)) << why;
   }
 
-  RunTest() {
-    link.AddReceiver(directory);
-  }
+  RunTest() { link.AddReceiver(directory); }
 
   void SetUp() override { ASSERT_TRUE(broker.Start()); }
 
@@ -119,7 +117,8 @@ class RunTest : public ::testing::Test, public zel::fleet::Run::Observer {
     ASSERT_TRUE(ParseTarget(target, parsedTarget, failure));
     ASSERT_TRUE(ParseRunCommand(words, command, failure));
     ASSERT_TRUE(link.Start(why)) << why;
-    ASSERT_EQ(Await(link, -1, [this] { return link.Up(); }, Link::Clock::now() + std::chrono::seconds(10), why),
+    ASSERT_EQ(Await(
+                  link, -1, [this] { return link.Up(); }, Link::Clock::now() + std::chrono::seconds(10), why),
               Waited::Done)
         << why;
     run = std::make_unique<zel::fleet::Run>(link, topics, parsedTarget, command, *this);
@@ -128,7 +127,8 @@ class RunTest : public ::testing::Test, public zel::fleet::Run::Observer {
   // Runs it to its end on a thread of its own, so that the test can play
   // the boxes meanwhile.
   void Execute(milliseconds timeout = std::chrono::seconds(10)) {
-    executor = std::thread([this, timeout] { waited = zel::fleet::Execute(link, directory, *run, timeout, -1, executeWhy); });
+    executor =
+        std::thread([this, timeout] { waited = zel::fleet::Execute(link, directory, *run, timeout, -1, executeWhy); });
   }
   Waited Finish() {
     if (executor.joinable()) executor.join();
