@@ -35,16 +35,6 @@ const char* const kSkipTexts[] = {
     "not asked for by this run",
 };
 
-// Whether `text` (valid UTF-8) holds a C0 or C1 control character or DEL.
-bool HasControl(const std::string& text) {
-  for (size_t at = 0; at < text.size(); ++at) {
-    const auto byte = static_cast<unsigned char>(text[at]);
-    if (byte < 0x20 || byte == 0x7F) return true;
-    if (byte == 0xC2 && at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) <= 0x9F) return true;
-  }
-  return false;
-}
-
 std::string Number(uint64_t count) {
   return zel::util::DecimalText(static_cast<uint32_t>(std::min<uint64_t>(count, UINT32_MAX)));
 }
@@ -177,6 +167,17 @@ bool Topics::Split(std::string_view topic, std::string& box, std::string_view& l
   return true;
 }
 
+bool ControlFree(const std::string& text) {
+  if (!zel::service_client::ValidUtf8(text)) return false;
+  for (size_t at = 0; at < text.size(); ++at) {
+    const auto byte = static_cast<unsigned char>(text[at]);
+    if (byte < 0x20 || byte == 0x7F) return false;
+    // U+0080 to U+009F are C2 80 to C2 9F.
+    if (byte == 0xC2 && at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) <= 0x9F) return false;
+  }
+  return true;
+}
+
 bool ValidBoxId(const std::string& id, std::string& why) {
   if (id.empty() || id.find_first_of("/+#") != std::string::npos) {
     why = "a box's ID may not be empty or hold '/', '+' or '#'";
@@ -186,7 +187,7 @@ bool ValidBoxId(const std::string& id, std::string& why) {
     why = "\"all\" stands for every box, and is no box's ID";
     return false;
   }
-  if (!zel::service_client::ValidUtf8(id) || HasControl(id)) {
+  if (!ControlFree(id)) {
     why = "a box's ID is UTF-8 text without control characters";
     return false;
   }

@@ -48,6 +48,10 @@ class Topics {
   std::string mPrefix;
 };
 
+// Whether `text` is UTF-8 without control characters (C0, DEL, C1), as a
+// topic's text must be to be shown as it is.
+bool ControlFree(const std::string& text);
+
 // Whether `id` can be a box's ID: not empty, no '/', '+' or '#', not "all"
 // (which stands for every box), valid UTF-8 without control characters (as
 // kendrivex-bridge takes one). False with why otherwise.

@@ -144,6 +144,7 @@ void Run::Launch(const BoxDirectory& directory, milliseconds timeout) {
   }
   mOpen = mBoxes.size();
   mLaunched = true;
+  mObserver.OnLaunched(mBoxes.size());
   for (const std::string& id : unreachable) {
     const BoxDirectory::Box* box = directory.Find(id);
     Unreachable(id, box != nullptr && box->hasStatus ? "the box is offline" : "the broker holds no status of this box");
@@ -182,9 +183,10 @@ void Run::SendCommands() {
   }
 }
 
-void Run::Expire() {
-  const std::string why =
-      mRefusal.empty() ? "no reply within " + Milliseconds(mTimeout) : "cannot take replies: " + mRefusal;
+void Run::Expire(const std::string& reason) {
+  std::string why = reason;
+  if (why.empty())
+    why = mRefusal.empty() ? "no reply within " + Milliseconds(mTimeout) : "cannot take replies: " + mRefusal;
   std::vector<std::string> open;
   for (const auto& [id, expected] : mBoxes) {
     if (!expected.done) open.push_back(id);
@@ -290,7 +292,11 @@ Waited Execute(Link& link, BoxDirectory& directory, Run& run, std::chrono::milli
         link, stopFd,
         [&run, sent] { return run.Finished() || (!sent && run.Deadline() != Link::Clock::time_point::max()); },
         deadline, why);
-    if (waited == Waited::Stopped || waited == Waited::Gone) return waited;
+    if (waited == Waited::Stopped) return waited;
+    if (waited == Waited::Gone) {
+      run.Expire("the connection to the broker was lost: " + why);
+      return waited;
+    }
     if (waited == Waited::TimedOut) run.Expire();
   }
   return Waited::Done;

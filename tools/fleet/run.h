@@ -76,6 +76,8 @@ class Run final : public Link::Receiver {
 
   class Observer {
    public:
+    // The expected boxes are known (before the result of any of them).
+    virtual void OnLaunched(size_t expected) { static_cast<void>(expected); }
     // One box's result, as soon as it is known.
     virtual void OnResult(const BoxResult& result) = 0;
 
@@ -108,8 +110,9 @@ class Run final : public Link::Receiver {
   // When the boxes that have not answered are given up; the far future
   // until the command has gone out.
   Clock::time_point Deadline() const { return mDeadline; }
-  // Gives every box that has not answered its result (no reply).
-  void Expire();
+  // Gives every box that has not answered its result: status 3, with
+  // `why`, or by default "no reply within N ms".
+  void Expire(const std::string& why = std::string());
 
   size_t Expected() const { return mBoxes.size(); }
   size_t Answered() const { return mBoxes.size() - mOpen; }
@@ -161,7 +164,8 @@ class Run final : public Link::Receiver {
 // its result or `timeout` has passed since the command went out, when the
 // boxes left get theirs. Done at the end of the run; Stopped when `stopFd`
 // became readable, TimedOut when the broker did not answer the
-// subscriptions in time, Gone when the connection ended (with why).
+// subscriptions in time, Gone when the connection ended (with why; the
+// boxes left then get theirs, saying so).
 Waited Execute(Link& link, BoxDirectory& directory, Run& run, std::chrono::milliseconds timeout, int stopFd,
                std::string& why);
 

@@ -13,7 +13,9 @@ zel::mqtt::ConnectionSettings LoopbackSettings(int port) {
 
 PlayedBox::PlayedBox(int port, const std::string& id, const std::string& status) : mId(id), mClient(port) {
   EXPECT_TRUE(mClient.Subscribe("kdx/" + id + "/cmd"));
-  EXPECT_TRUE(mClient.Publish("kdx/" + id + "/status", status, 1, true));
+  if (!status.empty()) {
+    EXPECT_TRUE(Publish("status", status, true));
+  }
 }
 
 std::vector<MqttTestClient::Message> PlayedBox::Commands() const { return mClient.On("kdx/" + mId + "/cmd"); }
@@ -28,6 +30,10 @@ bool PlayedBox::Answer(const std::vector<std::string>& payloads, const std::opti
     }
   }
   return true;
+}
+
+bool PlayedBox::Publish(const std::string& leaf, const std::string& payload, bool retain) {
+  return mClient.Publish("kdx/" + mId + "/" + leaf, payload, 1, retain);
 }
 
 std::string Pong(const std::string& box) {

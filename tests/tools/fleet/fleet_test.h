@@ -1,8 +1,8 @@
-// What the fleet's tests share: connection settings for a test broker, and a
-// box the test plays on the broker (a client subscribed to the box's
+// What the fleet's tests share: connection settings for a test broker, and
+// a box the test plays on the broker (a client subscribed to the box's
 // commands, its status retained), which answers each command as the test
-// says: as a bridge would, or as a broken or hostile one would. One thread
-// at a time.
+// says, as a bridge would or as a broken or hostile one would. One thread at
+// a time.
 #pragma once
 
 #include <optional>
@@ -21,7 +21,8 @@ zel::mqtt::ConnectionSettings LoopbackSettings(int port);
 
 class PlayedBox {
  public:
-  // Box `id` under the prefix "kdx", its status `status` retained.
+  // Box `id` under the prefix "kdx", its status `status` retained (none
+  // when empty).
   PlayedBox(int port, const std::string& id, const std::string& status);
 
   // The commands it received, in order.
@@ -31,6 +32,8 @@ class PlayedBox {
   // the command came with; false when no command came or a publication
   // failed.
   bool Answer(const std::vector<std::string>& payloads, const std::optional<std::string>& correlation = std::nullopt);
+  // Publishes `payload` on the box's topic "kdx/ID/<leaf>".
+  bool Publish(const std::string& leaf, const std::string& payload, bool retain = false);
   MqttTestClient& Client() { return mClient; }
 
  private:
