@@ -45,8 +45,8 @@ MqttFederation::MqttFederation(const std::string& dir, const std::string& prefix
     : mPrefix(prefix), mCentral(std::make_unique<MqttBroker>(MakeDirectory(dir, "central"))) {
   for (int index = 0; index < kSites; ++index) {
     const std::string name = SiteName(index);
-    mSites.push_back(std::make_unique<MqttBroker>(MakeDirectory(dir, name),
-                                                  SiteBridgeConfig(name, mCentral->Port(), mPrefix)));
+    mSites.push_back(
+        std::make_unique<MqttBroker>(MakeDirectory(dir, name), SiteBridgeConfig(name, mCentral->Port(), mPrefix)));
   }
 }
 
@@ -62,8 +62,11 @@ std::vector<std::string> MqttFederation::SiteBridgeConfig(const std::string& nam
       "bridge_protocol_version mqttv50",
       "remote_clientid " + name,
       "local_clientid " + name + ".local",
-      // Commands sent while the link is down are not delivered late; the
-      // boxes' messages published meanwhile wait on the site for the link.
+      // The central broker keeps nothing for a site that is away (over MQTT 5
+      // it would not anyway: the bridge asks for no session expiry), so a
+      // command sent while the link is down is never run late. The site
+      // keeps what its boxes publish meanwhile, up to its queue limit, and
+      // sends it once the link is back.
       "cleansession true",
       "local_cleansession false",
       // A link that drops is tried again after a second, not after the

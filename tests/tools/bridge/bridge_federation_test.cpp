@@ -26,7 +26,9 @@ constexpr int kSites = MqttFederation::kSites;
 // The box on site `site`: "a1" on the first, "b1" on the second.
 std::string Box(int site) { return std::string(1, static_cast<char>('a' + site)) + "1"; }
 
-std::string Topic(const std::string& box, const std::string& leaf) { return std::string(kPrefix) + "/" + box + "/" + leaf; }
+std::string Topic(const std::string& box, const std::string& leaf) {
+  return std::string(kPrefix) + "/" + box + "/" + leaf;
+}
 
 // Each box's simulator pushes its own event, so that where an event came from
 // is told by its number as well as by its topic.
@@ -74,8 +76,8 @@ class BridgeFederationTest : public ::testing::Test {
     const std::string service = boxDir + "/svc";
     sims.push_back(std::make_unique<SimProcess>(
         KDX_SIM_PATH, service, boxDir + "/sim.log", boxDir + "/sim.syslog",
-        std::vector<std::string>{"--event-interval", "100", "--event-id", std::to_string(EventId(site)),
-                                 "--event-text", "from " + box}));
+        std::vector<std::string>{"--event-interval", "100", "--event-id", std::to_string(EventId(site)), "--event-text",
+                                 "from " + box}));
     ASSERT_TRUE(sims.back()->WaitUntilServing());
     PipeProcess::Options options;
     options.env = {"KENDRIVEX_SERVICE=", "KENDRIVEX_DIR="};
