@@ -8,70 +8,23 @@
 #include <vector>
 
 #include "kdx_test_paths.h"
+#include "tests/support/mqtt_credentials.h"
 #include "tests/tools/bridge/bridge_test.h"
 
 namespace zel::bridge::test {
 namespace {
 
-// Runs a tool of the build machine to its end; true when it exits with 0.
-bool RunTool(const std::vector<std::string>& argv) {
-  PipeProcess::Options options;
-  options.hostTool = true;
-  const Result result = PipeProcess::Run(argv, "", options);
-  EXPECT_EQ(result.exitCode, 0) << argv[0] << ": " << result.err;
-  return result.exitCode == 0;
-}
-
-// A certificate authority of the test's own, and a certificate it signed for
-// the broker (127.0.0.1) and one for a client.
-class Certificates {
- public:
-  explicit Certificates(const TempDir& dir) : mDir(dir) {
-    std::ofstream(mDir.File("server.ext")) << "subjectAltName=IP:127.0.0.1\n";
-    Make("ca", "/CN=kendrivex test authority", "");
-    Make("server", "/CN=127.0.0.1", "server.ext");
-    Make("client", "/CN=box1", "");
-  }
-
-  std::string Ca() const { return mDir.File("ca.pem"); }
-  std::string Cert(const std::string& name) const { return mDir.File(name + ".pem"); }
-  std::string Key(const std::string& name) const { return mDir.File(name + ".key"); }
-
- private:
-  void Make(const std::string& name, const std::string& subject, const std::string& extensions) {
-    const std::vector<std::string> key = {
-        "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", Key(name), "-subj", subject};
-    if (name == "ca") {
-      std::vector<std::string> argv = {"openssl", "req", "-x509", "-days", "2", "-out", Ca()};
-      argv.insert(argv.end(), key.begin(), key.end());
-      RunTool(argv);
-      return;
-    }
-    std::vector<std::string> request = {"openssl", "req", "-out", mDir.File(name + ".csr")};
-    request.insert(request.end(), key.begin(), key.end());
-    RunTool(request);
-    std::vector<std::string> sign = {"openssl", "x509", "-req",   "-in",     mDir.File(name + ".csr"),
-                                     "-CA",     Ca(),   "-CAkey", Key("ca"), "-CAcreateserial",
-                                     "-days",   "2",    "-out",   Cert(name)};
-    if (!extensions.empty()) {
-      sign.push_back("-extfile");
-      sign.push_back(mDir.File(extensions));
-    }
-    RunTool(sign);
-  }
-
-  const TempDir& mDir;
-};
+using ::zel::test::MakePasswordFile;
+using ::zel::test::RunHostTool;
+using ::zel::test::TestCertificates;
 
 class BridgeSecurityTest : public BridgeTest {
  protected:
   // A broker with a TLS listener on a port of its own besides the plain one.
   void StartTlsBroker(bool requireClientCertificate) {
-    certificates = std::make_unique<Certificates>(dir);
+    certificates = std::make_unique<TestCertificates>(dir);
     tlsPort = MqttBroker::FreePort();
-    broker.AddConfig({"listener " + std::to_string(tlsPort) + " 127.0.0.1", "cafile " + certificates->Ca(),
-                      "certfile " + certificates->Cert("server"), "keyfile " + certificates->Key("server"),
-                      requireClientCertificate ? "require_certificate true" : ""});
+    broker.AddConfig(certificates->ListenerConfig(tlsPort, requireClientCertificate));
     StartBroker();
   }
 
@@ -87,11 +40,7 @@ class BridgeSecurityTest : public BridgeTest {
   // mosquitto_passwd), under `acl` when it is given.
   void StartBrokerWithUsers(const std::vector<std::pair<std::string, std::string>>& users, const std::string& acl) {
     const std::string passwords = dir.File("passwords");
-    for (size_t i = 0; i < users.size(); ++i) {
-      std::vector<std::string> argv = {"mosquitto_passwd", "-b", passwords, users[i].first, users[i].second};
-      if (i == 0) argv.insert(argv.begin() + 1, "-c");
-      ASSERT_TRUE(RunTool(argv));
-    }
+    ASSERT_TRUE(MakePasswordFile(passwords, users));
     std::vector<std::string> config = {"allow_anonymous false", "password_file " + passwords};
     if (!acl.empty()) config.push_back("acl_file " + WriteFile("acl", acl));
     broker.AddConfig(config);
@@ -105,7 +54,7 @@ class BridgeSecurityTest : public BridgeTest {
     return options;
   }
 
-  std::unique_ptr<Certificates> certificates;
+  std::unique_ptr<TestCertificates> certificates;
   int tlsPort = 0;
 };
 
@@ -236,7 +185,7 @@ TEST_F(BridgeSecurityTest, ReadmeAccessListKeepsABoxOutOfAnotherBoxsTopics) {
 // never stayed up with its subscriptions granted.
 TEST_F(BridgeSecurityTest, RefusedSubscriptionIsLoggedAsARefusalAndTheWaitsGrow) {
   const std::string config = dir.File("dynsec.json");
-  ASSERT_TRUE(RunTool({"mosquitto_ctrl", "dynsec", "init", config, "admin", "adminpw"}));
+  ASSERT_TRUE(RunHostTool({"mosquitto_ctrl", "dynsec", "init", config, "admin", "adminpw"}));
   broker.AddConfig({"allow_anonymous false", "plugin /usr/lib/x86_64-linux-gnu/mosquitto_dynamic_security.so",
                     "plugin_opt_config_file " + config});
   StartBroker();
@@ -253,7 +202,7 @@ TEST_F(BridgeSecurityTest, RefusedSubscriptionIsLoggedAsARefusalAndTheWaitsGrow)
   for (const std::vector<std::string>& step : steps) {
     std::vector<std::string> argv = control;
     argv.insert(argv.end(), step.begin(), step.end());
-    ASSERT_TRUE(RunTool(argv));
+    ASSERT_TRUE(RunHostTool(argv));
   }
   StartFake();
   StartBridge({"--username", "box1", "--password-file", WriteFile("password", "pw1\n")});

@@ -1,0 +1,61 @@
+#include "tests/support/mqtt_credentials.h"
+
+#include <fstream>
+
+#include "gtest/gtest.h"
+#include "tests/support/pipe_process.h"
+
+namespace zel::test {
+
+bool RunHostTool(const std::vector<std::string>& argv) {
+  PipeProcess::Options options;
+  options.hostTool = true;
+  const PipeProcess::Result result = PipeProcess::Run(argv, "", options);
+  EXPECT_EQ(result.exitCode, 0) << argv[0] << ": " << result.err;
+  return result.exitCode == 0;
+}
+
+bool MakePasswordFile(const std::string& path, const std::vector<std::pair<std::string, std::string>>& users) {
+  for (size_t i = 0; i < users.size(); ++i) {
+    std::vector<std::string> argv = {"mosquitto_passwd", "-b", path, users[i].first, users[i].second};
+    if (i == 0) argv.insert(argv.begin() + 1, "-c");
+    if (!RunHostTool(argv)) return false;
+  }
+  return true;
+}
+
+TestCertificates::TestCertificates(const TempDir& dir) : mDir(dir) {
+  std::ofstream(mDir.File("server.ext")) << "subjectAltName=IP:127.0.0.1\n";
+  Make("ca", "/CN=kendrivex test authority", "");
+  Make("server", "/CN=127.0.0.1", "server.ext");
+  Make("client", "/CN=box1", "");
+}
+
+std::vector<std::string> TestCertificates::ListenerConfig(int port, bool requireClientCertificate) const {
+  return {"listener " + std::to_string(port) + " 127.0.0.1", "cafile " + Ca(), "certfile " + Cert("server"),
+          "keyfile " + Key("server"), requireClientCertificate ? "require_certificate true" : ""};
+}
+
+void TestCertificates::Make(const std::string& name, const std::string& subject, const std::string& extensions) {
+  const std::vector<std::string> key = {
+      "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", Key(name), "-subj", subject};
+  if (name == "ca") {
+    std::vector<std::string> argv = {"openssl", "req", "-x509", "-days", "2", "-out", Ca()};
+    argv.insert(argv.end(), key.begin(), key.end());
+    RunHostTool(argv);
+    return;
+  }
+  std::vector<std::string> request = {"openssl", "req", "-out", mDir.File(name + ".csr")};
+  request.insert(request.end(), key.begin(), key.end());
+  RunHostTool(request);
+  std::vector<std::string> sign = {"openssl", "x509", "-req",   "-in",     mDir.File(name + ".csr"),
+                                   "-CA",     Ca(),   "-CAkey", Key("ca"), "-CAcreateserial",
+                                   "-days",   "2",    "-out",   Cert(name)};
+  if (!extensions.empty()) {
+    sign.push_back("-extfile");
+    sign.push_back(mDir.File(extensions));
+  }
+  RunHostTool(sign);
+}
+
+}  // namespace zel::test

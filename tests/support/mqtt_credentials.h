@@ -1,0 +1,44 @@
+// What tests of the MQTT programs need to make a broker secure: a
+// certificate authority of the test's own with certificates it signed for the
+// broker (127.0.0.1) and for a client (made with openssl), a Mosquitto
+// password file (made with mosquitto_passwd), and a way to run such tools of
+// the build machine. Files in the test's directory; one thread at a time.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/temp_dir.h"
+
+namespace zel::test {
+
+// Runs a tool of the build machine (never behind the test launcher) to its
+// end; true when it exits with 0 (a failure is reported to the test).
+bool RunHostTool(const std::vector<std::string>& argv);
+
+// Makes a Mosquitto password file at `path` holding `users` (name and
+// password each); false when it cannot be made.
+bool MakePasswordFile(const std::string& path, const std::vector<std::pair<std::string, std::string>>& users);
+
+class TestCertificates {
+ public:
+  // Makes the authority ("ca"), the broker's certificate ("server", for
+  // 127.0.0.1) and a client's ("client") in `dir`.
+  explicit TestCertificates(const TempDir& dir);
+
+  std::string Ca() const { return mDir.File("ca.pem"); }
+  std::string Cert(const std::string& name) const { return mDir.File(name + ".pem"); }
+  std::string Key(const std::string& name) const { return mDir.File(name + ".key"); }
+  // The lines of a broker's configuration for a TLS listener on `port` with
+  // the broker's certificate, asking clients for theirs when
+  // `requireClientCertificate`.
+  std::vector<std::string> ListenerConfig(int port, bool requireClientCertificate) const;
+
+ private:
+  void Make(const std::string& name, const std::string& subject, const std::string& extensions);
+
+  const TempDir& mDir;
+};
+
+}  // namespace zel::test
