@@ -63,12 +63,15 @@ mqtt=()
 bridges=()
 bridge_pid=""
 
-# The first of the options given that this build's --help does not name.
-lacking() {
-  local option
+# unmeasurable <item> <fault> <option...>: when this build's --help does
+# not name one of the options, prints the scenario's row saying so and
+# succeeds.
+unmeasurable() {
+  local item=$1 fault=$2 option
+  shift 2
   for option in "$@"; do
     if ! grep -q -e "$option\\b" <<<"$bridge_help"; then
-      echo "$option"
+      row "$item" "$fault" "not measurable: this build has no $option"
       return 0
     fi
   done
@@ -215,8 +218,7 @@ scenario_cleanup() {
 # every 0.5 s; which box ran each is told by its simulator's log.
 scenario_same_id() {
   local fault="two bridges with \`-i box1\` for $window s"
-  local missing
-  if missing=$(lacking --health); then row 1 "$fault" "not measurable: this build has no $missing"; return; fi
+  if unmeasurable 1 "$fault" --health; then return; fi
   broker "allow_anonymous true" "set_tcp_nodelay true"
   subscribe status kdx/box1/status kdx/box1/reply
   box a --mac 02:00:00:00:00:0a
@@ -308,6 +310,21 @@ $lines lines on standard error with -v ($distinct distinct without numbers; the 
 $(frequent_lines "$dir/a/bridge.err" 4))"
 }
 
+# two_boxes <subscriber> <topic...>: an open broker, a subscriber to the
+# topics and to kdx/+/status, and the boxes box1 (a) and box2 (b); returns
+# once both are online.
+two_boxes() {
+  local name=$1
+  shift
+  broker "allow_anonymous true" "set_tcp_nodelay true"
+  subscribe "$name" "$@" 'kdx/+/status'
+  box a
+  box b
+  start_bridge a -p kdx -i box1 --health 0
+  start_bridge b -p kdx -i box2 --health 0
+  wait_until 20 online "$name" box1 box2
+}
+
 # --- 3. One large command -----------------------------------------------------
 
 # The broker takes what its defaults take (messages and packets up to
@@ -318,15 +335,8 @@ $(frequent_lines "$dir/a/bridge.err" 4))"
 # delivered) by then.
 scenario_large_command() {
   local fault="one large command: peak memory (VmHWM) of the bridge"
-  broker "allow_anonymous true" "set_tcp_nodelay true"
-  subscribe replies 'kdx/+/reply' 'kdx/+/status'
-  box a
-  box b
-  start_bridge a -p kdx -i box1 --health 0
-  local a_pid=$bridge_pid
-  start_bridge b -p kdx -i box2 --health 0
-  local b_pid=$bridge_pid
-  wait_until 20 online replies box1 box2
+  two_boxes replies 'kdx/+/reply'
+  local a_pid=${bridges[0]} b_pid=${bridges[1]}
   head -c 10485760 /dev/zero | tr '\0' x >"$dir/10MB"
   head -c 104857600 /dev/zero | tr '\0' x >"$dir/100MB"
   # Each answers a ping first, so that a later ping is each box's second.
@@ -365,11 +375,7 @@ ones: $(sample "$dir/large" 1)"
 scenario_acl_response() {
   local fault="README's ACL: a requester that may only write P/cmd asks for the reply on box1's P/status, \
 P/service, P/event/7"
-  local missing
-  if missing=$(lacking --username --password-file); then
-    row 4 "$fault" "not measurable: this build has no $missing"
-    return
-  fi
+  if unmeasurable 4 "$fault" --username --password-file; then return; fi
   mosquitto_passwd -c -b "$dir/passwd" box1 box1-secret
   mosquitto_passwd -b "$dir/passwd" operator operator-secret
   mosquitto_passwd -b "$dir/passwd" requester requester-secret
@@ -426,13 +432,7 @@ reply_or_refusal() {
 # On an open broker: box1 asked to reply on box2's command topic.
 scenario_relay() {
   local fault="open broker: a request to box1 whose response topic is \`kdx/box2/cmd\`"
-  broker "allow_anonymous true" "set_tcp_nodelay true"
-  subscribe relay kdx/box2/cmd kdx/box2/reply kdx/box1/reply 'kdx/+/status'
-  box a
-  box b
-  start_bridge a -p kdx -i box1 --health 0
-  start_bridge b -p kdx -i box2 --health 0
-  wait_until 20 online relay box1 box2
+  two_boxes relay kdx/box2/cmd kdx/box2/reply kdx/box1/reply
   local start=$EPOCHREALTIME
   mosquitto_pub "${mqtt[@]}" -V mqttv5 -q 1 -t kdx/box1/cmd -m ping -D publish response-topic kdx/box2/cmd
   # box2's answer to what box1 sent it, or box1's refusal, within 5 s.
@@ -442,7 +442,7 @@ scenario_relay() {
   live relay kdx/box1/reply "$start" | head -n 1 >"$dir/box1"
   local verdict="no"
   [ -s "$dir/box2" ] && verdict="yes"
-  row 4 "$fault" "box2 took box1's reply as a command: $verdict; on kdx/box2/cmd: $(sample "$dir/sent" 1); \
+  row 4 "$fault" "box2 answered box1's reply as a command of its own: $verdict; on kdx/box2/cmd: $(sample "$dir/sent" 1); \
 box2's answer: $(sample "$dir/box2" 1); box1's answer on its P/reply: $(sample "$dir/box1" 1)"
 }
 
@@ -452,13 +452,7 @@ relay_answered() { [ "$(live relay kdx/box2/reply "$1" | wc -l)" -gt 0 ] || [ "$
 # topic is all/cmd; every message below the prefix in the 5 s after it.
 scenario_amplification() {
   local fault="open broker, two boxes: one request on \`kdx/all/cmd\` with response topic \`kdx/all/cmd\`"
-  broker "allow_anonymous true" "set_tcp_nodelay true"
-  subscribe all 'kdx/#'
-  box a
-  box b
-  start_bridge a -p kdx -i box1 --health 0
-  start_bridge b -p kdx -i box2 --health 0
-  wait_until 20 online all box1 box2
+  two_boxes all 'kdx/#'
   local start=$EPOCHREALTIME
   mosquitto_pub "${mqtt[@]}" -V mqttv5 -q 1 -t kdx/all/cmd -m ping -D publish response-topic kdx/all/cmd
   # Counting stops after a set time, so that a loop cannot run on.
@@ -477,8 +471,7 @@ $on_reply on the boxes' P/reply"
 # nothing receives; the simulator's log says whether they reached it.
 scenario_allow_send() {
   local fault="\`--allow send\`: \`send 4 PATH\` and \`send 5 PATH\` from the broker"
-  local missing
-  if missing=$(lacking --allow); then row 4 "$fault" "not measurable: this build has no $missing"; return; fi
+  if unmeasurable 4 "$fault" --allow; then return; fi
   broker "allow_anonymous true" "set_tcp_nodelay true"
   subscribe replies kdx/box1/reply kdx/box1/status
   box a
@@ -516,8 +509,8 @@ password_broker() {
 # file for 5 s (without -v, as an operator would); exit status, standard
 # error and the broker's refusals.
 password_case() {
-  local name=$1 file=$2 fault=$3 missing
-  if missing=$(lacking --password-file); then row 5 "$fault" "not measurable: this build has no $missing"; return; fi
+  local name=$1 file=$2 fault=$3
+  if unmeasurable 5 "$fault" --password-file; then return; fi
   password_broker
   local start=$EPOCHREALTIME status="still running after 5 s"
   start_bridge "$name" -p kdx -i box1 --username box1 --password-file "$file" --health 0
@@ -570,8 +563,7 @@ verbose_run() {
 # not.
 scenario_password_readable() {
   local fault="password file readable by others (mode 0644)"
-  local missing
-  if missing=$(lacking --password-file); then row 5 "$fault" "not measurable: this build has no $missing"; return; fi
+  if unmeasurable 5 "$fault" --password-file; then return; fi
   password_broker
   subscribe status kdx/box1/status
   printf 'box1-secret\n' >"$dir/password"
@@ -595,8 +587,7 @@ zero_sign() { [ -s "$dir/zero.err" ] || [ "$(broker_log_count 'New connection fr
 # resident memory of the bridge, whether it ends by itself or is stopped.
 scenario_password_zero() {
   local fault="password file \`/dev/zero\` (address space limited to 1 GiB)"
-  local missing
-  if missing=$(lacking --password-file); then row 5 "$fault" "not measurable: this build has no $missing"; return; fi
+  if unmeasurable 5 "$fault" --password-file; then return; fi
   password_broker
   mkdir -p "$dir/zero"
   local start=$EPOCHREALTIME
@@ -634,8 +625,7 @@ first sign included); peak resident memory $(mib "$peak"); standard error: $(sam
 # 127.0.0.1: what the first run prints (-v, 3 s) that the second does not.
 scenario_password_plain() {
   local fault="password over plain \`mqtt://\` to a non-loopback host"
-  local missing
-  if missing=$(lacking --password-file); then row 5 "$fault" "not measurable: this build has no $missing"; return; fi
+  if unmeasurable 5 "$fault" --password-file; then return; fi
   local address
   address=$(hostname -I 2>/dev/null | tr ' ' '\n' | grep -v -e '^127\.' -e ':' -e '^$' | head -n 1 || true)
   if [ -z "$address" ]; then row 5 "$fault" "not measurable: this machine has no non-loopback IPv4 address"; return; fi
