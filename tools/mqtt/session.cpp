@@ -277,6 +277,7 @@ bool Session::Subscribe(const std::vector<std::string>& filters, const Subscribe
                         std::string& why) {
   // libmosquitto takes the filters as char* and does not change them.
   std::vector<char*> list;
+  list.reserve(filters.size());
   for (const std::string& filter : filters) list.push_back(const_cast<char*>(filter.c_str()));
   const int rc = mosquitto_subscribe_multiple(
       mClient, &mid, static_cast<int>(list.size()), list.data(), kQos,
