@@ -61,7 +61,7 @@ class FakeService {
   // Answers for `command`, one per request in order; the last one then
   // answers every further request.
   void Script(uint32_t command, std::vector<Answer> answers);
-  void Script(uint32_t command, Answer answer) { Script(command, std::vector<Answer>{answer}); }
+  void Script(uint32_t command, Answer answer) { Script(command, std::vector<Answer>{std::move(answer)}); }
   // The answer to commands without a script; at first Never().
   void SetDefault(Answer answer);
 

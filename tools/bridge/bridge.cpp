@@ -5,8 +5,6 @@
 #include <chrono>
 #include <string>
 
-#include "util/decimal_text.h"
-
 namespace zel::bridge {
 namespace {
 
@@ -34,9 +32,8 @@ Bridge::Bridge(const Settings& settings)
             [this](const zel::mqtt::Message& message) { mIntake.Take(message); }) {}
 
 bool Bridge::Run(const sigset_t& signals) {
-  const std::string start = "box " + mSettings.id + " on the broker at " + mSettings.connection.broker.Url() +
-                            " for the service at " + mSettings.servicePath;
-  syslog(LOG_INFO, "%s", start.c_str());
+  syslog(LOG_INFO, "box %s on the broker at %s for the service at %s", mSettings.id.c_str(),
+         mSettings.connection.broker.Url().c_str(), mSettings.servicePath.c_str());
   RemoveStaleSocketFiles(mSettings.dir);
   mWatch.Start();
   mWorker.Start();
@@ -44,8 +41,7 @@ bool Bridge::Run(const sigset_t& signals) {
   int signo = 0;
   while (sigwait(&signals, &signo) != 0) {
   }
-  const std::string stopping = "stopping on signal " + zel::util::SignedDecimalText(signo);
-  syslog(LOG_INFO, "%s", stopping.c_str());
+  syslog(LOG_INFO, "stopping on signal %d", signo);
   return Stop();
 }
 
@@ -59,11 +55,11 @@ bool Bridge::Stop() {
   // steps before.
   const bool finished = mWorker.Stop(kCommandTime);
   if (!finished) {
-    syslog(LOG_WARNING, "%s", "a command still waits for the service; its socket files are removed");
+    syslog(LOG_WARNING, "a command still waits for the service; its socket files are removed");
     mFiles.RemoveAll();
   }
   mLink.Stop();
-  syslog(LOG_INFO, "%s", "stopped");
+  syslog(LOG_INFO, "stopped");
   return finished;
 }
 

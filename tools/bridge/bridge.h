@@ -23,7 +23,7 @@ class Bridge {
   Bridge(const Bridge&) = delete;
   Bridge& operator=(const Bridge&) = delete;
 
-  bool Ok() const { return mWakeup.Ok(); }
+  bool Ok() const { return mWakeup.Fd() >= 0; }
   // Runs until one of `signals` (blocked on this thread) arrives, then stops.
   // False when the stop left a command waiting for a stuck service: its
   // socket files are removed, and the caller ends the process without

@@ -106,33 +106,32 @@ void CommandIntake::Take(const zel::mqtt::Message& message) {
     // A reply goes only where the request says, and only to one topic: a
     // filter with wildcards is refused, and so the request is not answered.
     if (!zel::mqtt::PublishableTopic(topic)) {
-      const std::string text = "a command on " + std::string(message.topic) + " names " + core::Shown(topic) +
-                               " for its reply, where nothing can be published; it is not answered";
-      syslog(LOG_WARNING, "%s", text.c_str());
+      syslog(LOG_WARNING, "a command on %.*s names %s for its reply, where nothing can be published; it is not answered",
+             static_cast<int>(message.topic.size()), message.topic.data(), core::Shown(topic).c_str());
       return;
     }
     pending.reply.topic = topic;
     pending.reply.correlation = message.correlation;
   }
+  // The error reply, should there be one.
+  zel::mqtt::Publication reply = pending.reply;
   std::optional<std::string> word;
   int status = core::kStatusUsage;
   std::string error;
-  if (!mTopics.ReplyMayGoTo(pending.reply.topic)) {
+  if (!mTopics.ReplyMayGoTo(reply.topic)) {
     // Inside the prefix a reply would speak for this box on another box's
     // or its own topics: it goes to the box's own reply topic instead.
     Read(message.payload, pending.request, word, status, error);
     status = core::kStatusUsage;
-    error = "response topic " + core::Shown(pending.reply.topic) + ": not at or below " + mTopics.Reply();
-    pending.reply.topic = mTopics.Reply();
+    error = "response topic " + core::Shown(reply.topic) + ": not at or below " + mTopics.Reply();
+    reply.topic = mTopics.Reply();
   } else if (Read(message.payload, pending.request, word, status, error)) {
-    zel::mqtt::Publication reply = pending.reply;
     if (mQueue.Push(std::move(pending))) return;
-    pending.reply = std::move(reply);
     status = core::kStatusUnreachable;
     error = "busy";
   }
-  pending.reply.payload = ErrorPayload(mSettings.id, word, status, error);
-  mReplies.Push(Outgoing{std::move(pending.reply)});
+  reply.payload = ErrorPayload(mSettings.id, word, status, error);
+  mReplies.Push(Outgoing{std::move(reply)});
 }
 
 bool CommandIntake::Read(std::string_view payload, core::Request& request, std::optional<std::string>& word,

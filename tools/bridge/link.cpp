@@ -5,7 +5,6 @@
 
 #include <algorithm>
 
-#include "util/decimal_text.h"
 
 // Everything of the session happens on this thread: its callbacks run inside
 // Step, and a callback that ends the connection only notes why (the session
@@ -63,12 +62,8 @@ constexpr milliseconds kLeaveTime(200);
 constexpr uint64_t kMicrosecondsPerMillisecond = 1000;
 constexpr uint64_t kMicrosecondsPerSecond = 1000000;
 
-std::string Count(uint64_t value) { return zel::util::DecimalText(static_cast<uint32_t>(value)); }
-
 // A wait as the log gives it: whole seconds.
-std::string Seconds(milliseconds wait) { return Count(static_cast<uint64_t>((wait.count() + 500) / 1000)) + " s"; }
-
-void Say(int priority, const std::string& text) { syslog(priority, "%s", text.c_str()); }
+unsigned Seconds(milliseconds wait) { return static_cast<unsigned>((wait.count() + 500) / 1000); }
 
 }  // namespace
 
@@ -126,7 +121,7 @@ void MqttLink::Run() {
 }
 
 void MqttLink::Connect() {
-  Say(LOG_INFO, "connecting to the broker at " + mBrokerUrl + " as " + mSettings.connection.clientId);
+  syslog(LOG_INFO, "connecting to the broker at %s as %s", mBrokerUrl.c_str(), mSettings.connection.clientId.c_str());
   mqtt::Session::Listener& listener = *this;
   mSession = std::make_unique<mqtt::Session>(mSettings.connection, listener);
   std::string why;
@@ -158,16 +153,17 @@ void MqttLink::Lose(Loss loss, const std::string& why) {
   }
   const milliseconds wait = takenOver ? mBackoff.TakenOver() : mBackoff.Next();
   mNextAttempt = zel::ipc::WaitDeadline(static_cast<uint64_t>(wait.count()) * kMicrosecondsPerMillisecond);
-  const std::string again = "; trying again in " + Seconds(wait);
   if (takenOver) {
-    Say(LOG_WARNING, "the client id " + mSettings.connection.clientId + " is already in use at the broker at " +
-                         mBrokerUrl + ": another client took the session over (a second box with the id " +
-                         mSettings.id + "?)" + again);
+    syslog(LOG_WARNING,
+           "the client id %s is already in use at the broker at %s: another client took the session over (a second box "
+           "with the id %s?); trying again in %u s",
+           mSettings.connection.clientId.c_str(), mBrokerUrl.c_str(), mSettings.id.c_str(), Seconds(wait));
   } else if (loss == Loss::Refused) {
-    Say(LOG_WARNING, "the broker at " + mBrokerUrl + " refused " + why + again);
+    syslog(LOG_WARNING, "the broker at %s refused %s; trying again in %u s", mBrokerUrl.c_str(), why.c_str(),
+           Seconds(wait));
   } else {
-    Say(LOG_WARNING,
-        (wasOnline ? "lost the broker at " : "cannot reach the broker at ") + mBrokerUrl + ": " + why + again);
+    syslog(LOG_WARNING, "%s the broker at %s: %s; trying again in %u s", wasOnline ? "lost" : "cannot reach",
+           mBrokerUrl.c_str(), why.c_str(), Seconds(wait));
   }
 }
 
@@ -217,7 +213,7 @@ void MqttLink::StartOffline() {
     return;
   }
   mOfflineMid = mUnacknowledged.back().mid;
-  Say(LOG_INFO, "stopping: \"offline\" published on " + mTopics.Status());
+  syslog(LOG_INFO, "stopping: \"offline\" published on %s", mTopics.Status().c_str());
 }
 
 void MqttLink::FinishOffline() {
@@ -255,7 +251,7 @@ void MqttLink::PublishReplies() {
 void MqttLink::DropReplies() {
   Outgoing reply;
   while (mReplies.Pop(reply)) {
-    Say(LOG_WARNING, "the reply to " + reply.message.topic + " is dropped: not connected to the broker");
+    syslog(LOG_WARNING, "the reply to %s is dropped: not connected to the broker", reply.message.topic.c_str());
   }
 }
 
@@ -270,13 +266,13 @@ void MqttLink::PublishEvents() {
 void MqttLink::ReportDropped() {
   const uint64_t events = mEvents.TakeDropped();
   if (events != 0) {
-    Say(LOG_WARNING, Count(events) + " events dropped, the oldest first: the queue keeps " + Count(mSettings.queue) +
-                         " while the broker is away");
+    syslog(LOG_WARNING, "%llu events dropped, the oldest first: the queue keeps %u while the broker is away",
+           static_cast<unsigned long long>(events), mSettings.queue);
   }
   const uint64_t replies = mReplies.TakeDropped();
   if (replies != 0) {
-    Say(LOG_WARNING, Count(replies) + " replies dropped, the oldest first: at most " + Count(ReplyOutbox::kMaxReplies) +
-                         " wait for the broker");
+    syslog(LOG_WARNING, "%llu replies dropped, the oldest first: at most %zu wait for the broker",
+           static_cast<unsigned long long>(replies), ReplyOutbox::kMaxReplies);
   }
 }
 
@@ -294,22 +290,23 @@ bool MqttLink::Send(const mqtt::Publication& message, int& mid) {
   if (rc == 0) return true;
   if (rc == mqtt::Session::kOversize) {
     ++mOversized;
-    Say(LOG_ERR, "dropped the message for " + message.topic + ": its payload of " + Count(message.payload.size()) +
-                     " bytes makes a packet larger than the broker takes (at most " +
-                     Count(mSession->BrokerMaximumPacketSize()) + " bytes); " + Count(mOversized) +
-                     " dropped for their size so far");
+    syslog(LOG_ERR,
+           "dropped the message for %s: its payload of %zu bytes makes a packet larger than the broker takes (at most "
+           "%u bytes); %llu dropped for their size so far",
+           message.topic.c_str(), message.payload.size(), mSession->BrokerMaximumPacketSize(),
+           static_cast<unsigned long long>(mOversized));
     return false;
   }
   ++mUnsent;
-  Say(LOG_ERR, "dropped the message for " + message.topic + ": it cannot be published: " + mqtt::ErrorText(rc) + "; " +
-                   Count(mUnsent) + " dropped for such reasons so far");
+  syslog(LOG_ERR, "dropped the message for %s: it cannot be published: %s; %llu dropped for such reasons so far",
+         message.topic.c_str(), mqtt::ErrorText(rc).c_str(), static_cast<unsigned long long>(mUnsent));
   return false;
 }
 
 void MqttLink::ReportRefusal(const std::string& topic, int reason) {
   if (reason < mqtt::kFirstRefusal || mRefusalLogged) return;
   mRefusalLogged = true;
-  Say(LOG_ERR, "the broker refused the publication on " + topic + ": " + mqtt::ReasonText(reason));
+  syslog(LOG_ERR, "the broker refused the publication on %s: %s", topic.c_str(), mqtt::ReasonText(reason).c_str());
 }
 
 void MqttLink::OnConnected(int reason) {
@@ -318,7 +315,7 @@ void MqttLink::OnConnected(int reason) {
     mLostWhy = "the connection: " + mqtt::ReasonText(reason);
     return;
   }
-  Say(LOG_INFO, "connected to the broker at " + mBrokerUrl);
+  syslog(LOG_INFO, "connected to the broker at %s", mBrokerUrl.c_str());
   // The box's own status first, with what is retained there but without
   // its own publications; then the commands, without what is retained.
   mqtt::Session::SubscribeOptions status;
@@ -361,7 +358,7 @@ void MqttLink::GoOnline() {
   mService.TakeChanges();
   PublishService(mService.Current());
   mEvents.SetOnline(true);
-  Say(LOG_INFO, "online: taking commands from " + mTopics.Command() + " and " + mTopics.AllCommand());
+  syslog(LOG_INFO, "online: taking commands from %s and %s", mTopics.Command().c_str(), mTopics.AllCommand().c_str());
 }
 
 void MqttLink::OnPublished(int mid, int reason) {

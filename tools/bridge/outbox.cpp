@@ -5,9 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <string>
-
-#include "util/decimal_text.h"
 
 namespace zel::bridge {
 namespace {
@@ -114,9 +111,7 @@ void EventOutbox::Trim() {
   // Said once for each run of drops; the link reports how many when it
   // publishes again.
   if (mDropped == 0) {
-    const std::string text = "more than " + zel::util::DecimalText(static_cast<uint32_t>(bound)) +
-                             " events wait for the broker; dropping the oldest";
-    syslog(LOG_WARNING, "%s", text.c_str());
+    syslog(LOG_WARNING, "more than %zu events wait for the broker; dropping the oldest", bound);
   }
   for (size_t i = 0; i < excess; ++i) mEvents.pop_front();
   mDropped += excess;

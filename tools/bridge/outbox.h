@@ -28,8 +28,8 @@ class Wakeup {
   Wakeup(const Wakeup&) = delete;
   Wakeup& operator=(const Wakeup&) = delete;
 
-  bool Ok() const { return mFd >= 0; }
-  // Readable after a Notify until the next Drain.
+  // Readable after a Notify until the next Drain; -1 when the eventfd could
+  // not be made.
   int Fd() const { return mFd; }
   void Notify();
   void Drain();

@@ -61,8 +61,7 @@ void ServiceState::Set(Value value) {
     mValue = value;
     mChanges.push_back(value);
   }
-  const std::string text = "the service at " + mServicePath + " is " + Text(value);
-  syslog(LOG_INFO, "%s", text.c_str());
+  syslog(LOG_INFO, "the service at %s is %s", mServicePath.c_str(), Text(value));
   mWakeup.Notify();
 }
 
@@ -134,8 +133,7 @@ bool ServiceWatch::SetUp(core::Watch& watch) {
   mService.Set(ServiceState::Value::Down);
   const std::string line = failure.what + ": " + failure.why;
   if (line != mLastFailure) {
-    const std::string text = "cannot watch the service's events: " + line + "; trying again every second";
-    syslog(LOG_WARNING, "%s", text.c_str());
+    syslog(LOG_WARNING, "cannot watch the service's events: %s; trying again every second", line.c_str());
     mLastFailure = line;
   }
   return false;
@@ -200,9 +198,7 @@ size_t RemoveStaleSocketFiles(const std::string& dir) {
   }
   ::closedir(stream);
   if (removed != 0) {
-    const std::string text = "removed " + zel::util::DecimalText(static_cast<uint32_t>(removed)) + " socket files in " +
-                             dir + " that ended processes had left";
-    syslog(LOG_INFO, "%s", text.c_str());
+    syslog(LOG_INFO, "removed %zu socket files in %s that ended processes had left", removed, dir.c_str());
   }
   return removed;
 }

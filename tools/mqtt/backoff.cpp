@@ -57,9 +57,11 @@ void Backoff::Settle(Clock::time_point now) {
 }
 
 milliseconds Backoff::Draw(milliseconds step) {
-  const int64_t spread = step.count() * kJitterPercent / 100;
-  std::uniform_int_distribution<int64_t> offset(-spread, spread);
-  return step + milliseconds(offset(mRandom));
+  // Steps are at most half an hour: their milliseconds and the spread fit 32
+  // bits. The modulo's bias, at most 2^-20 here, does not matter.
+  const auto spread = static_cast<uint32_t>(step.count() * kJitterPercent / 100);
+  const uint32_t offset = static_cast<uint32_t>(mRandom()) % (2 * spread + 1);
+  return step - milliseconds(spread) + milliseconds(offset);
 }
 
 uint32_t Backoff::Seed() {

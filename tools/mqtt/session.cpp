@@ -41,6 +41,7 @@ std::string InSentence(std::string text) {
 // libmosquitto takes filters as char* and does not change them.
 std::vector<char*> FilterList(const std::vector<std::string>& filters) {
   std::vector<char*> list;
+  list.reserve(filters.size());
   for (const std::string& filter : filters) list.push_back(const_cast<char*>(filter.c_str()));
   return list;
 }

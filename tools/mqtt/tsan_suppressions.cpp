@@ -6,5 +6,5 @@
 // uses the client, as the bridge's link does: no second thread can take them
 // the other way round, so no deadlock can come of it. Only reports of that
 // kind within libmosquitto are left out.
-// NOLINTNEXTLINE(bugprone-reserved-identifier): the sanitizer's own hook, looked up by this name
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the sanitizer's hook, by this name
 extern "C" const char* __tsan_default_suppressions() { return "deadlock:libmosquitto.so.1\n"; }

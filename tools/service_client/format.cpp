@@ -14,7 +14,11 @@ using Json = nlohmann::ordered_json;
 
 constexpr long kNanosecondsPerMillisecond = 1000000;
 
-std::string Dump(const Json& object) { return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n"; }
+// The object with `extra` added last, and a newline.
+std::string Dump(Json& object, const JsonExtra& extra) {
+  if (extra.key != nullptr) object[extra.key] = extra.value;
+  return object.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+}
 
 std::string TabSeparated(std::string line, const std::vector<std::string>& rest) {
   for (const std::string& field : rest) line.append(1, '\t').append(field);
@@ -28,8 +32,7 @@ std::string JsonReply(const std::string& command, const zel::ipc::IPCResult& rep
   object["command"] = command;
   object["code"] = reply.code;
   object["args"] = reply.args;
-  if (extra.key != nullptr) object[extra.key] = extra.value;
-  return Dump(object);
+  return Dump(object, extra);
 }
 
 std::string JsonEvent(const std::string& time, const zel::ipc::IPCEvent& event, const JsonExtra& extra) {
@@ -37,8 +40,7 @@ std::string JsonEvent(const std::string& time, const zel::ipc::IPCEvent& event, 
   object["time"] = time;
   object["id"] = event.id;
   object["args"] = event.args;
-  if (extra.key != nullptr) object[extra.key] = extra.value;
-  return Dump(object);
+  return Dump(object, extra);
 }
 
 std::string PlainReply(const zel::ipc::IPCResult& reply) {

@@ -23,7 +23,7 @@ using ::zel::test::TempDir;
 class ConnectionTest : public ::testing::Test {
  protected:
   std::string Write(const std::string& name, const std::string& text, mode_t mode = 0600) {
-    const std::string path = dir.File(name);
+    std::string path = dir.File(name);
     std::ofstream(path) << text;
     ::chmod(path.c_str(), mode);
     return path;
