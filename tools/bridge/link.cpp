@@ -5,7 +5,6 @@
 
 #include <algorithm>
 
-
 // Everything of the session happens on this thread: its callbacks run inside
 // Step, and a callback that ends the connection only notes why (the session
 // cannot be destroyed from inside its own callback); Step ends it afterwards.
