@@ -169,13 +169,7 @@ class CommandLine final : public service_client::OptionHandler {
 };
 
 std::vector<service_client::HelpRow> CommandRows() {
-  std::vector<service_client::HelpRow> rows;
-  for (const service_client::Command& command : service_client::AllCommands()) {
-    std::string left = command.name;
-    if (command.alias != nullptr) left.append(" (").append(command.alias).append(1, ')');
-    if (*command.argumentsHelp != '\0') left.append(1, ' ').append(command.argumentsHelp);
-    rows.push_back({left, command.summary});
-  }
+  std::vector<service_client::HelpRow> rows = service_client::CommandRows(false);
   rows.push_back({kBatchWord, "read commands from standard input, one a line"});
   return rows;
 }

@@ -121,4 +121,16 @@ std::string HelpColumns(const std::vector<HelpRow>& rows) {
   return text;
 }
 
+std::vector<HelpRow> CommandRows(bool batchOnly) {
+  std::vector<HelpRow> rows;
+  for (const Command& command : AllCommands()) {
+    if (batchOnly && !command.inBatch) continue;
+    std::string left = command.name;
+    if (command.alias != nullptr) left.append(" (").append(command.alias).append(1, ')');
+    if (*command.argumentsHelp != '\0') left.append(1, ' ').append(command.argumentsHelp);
+    rows.push_back({left, command.summary});
+  }
+  return rows;
+}
+
 }  // namespace zel::service_client

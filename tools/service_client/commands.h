@@ -87,4 +87,9 @@ struct HelpRow {
 // the summaries lined up two blanks after the longest left column.
 std::string HelpColumns(const std::vector<HelpRow>& rows);
 
+// The help rows of the table's commands ("ping (send_ping)", "send N
+// [FIELD...]"), in its order; only those a batch line may hold when
+// `batchOnly`.
+std::vector<HelpRow> CommandRows(bool batchOnly);
+
 }  // namespace zel::service_client
