@@ -11,7 +11,8 @@ zel::mqtt::ConnectionSettings LoopbackSettings(int port) {
   return settings;
 }
 
-PlayedBox::PlayedBox(int port, const std::string& id, const std::string& status) : mId(id), mClient(port) {
+PlayedBox::PlayedBox(int port, const std::string& id, const std::string& status, const MqttTestClient::Options& login)
+    : mId(id), mClient(port, login) {
   EXPECT_TRUE(mClient.Subscribe("kdx/" + id + "/cmd"));
   if (!status.empty()) {
     EXPECT_TRUE(Publish("status", status, true));

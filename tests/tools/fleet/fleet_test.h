@@ -22,8 +22,9 @@ zel::mqtt::ConnectionSettings LoopbackSettings(int port);
 class PlayedBox {
  public:
   // Box `id` under the prefix "kdx", its status `status` retained (none
-  // when empty).
-  PlayedBox(int port, const std::string& id, const std::string& status);
+  // when empty), its client logged in as `login` says.
+  PlayedBox(int port, const std::string& id, const std::string& status,
+            const MqttTestClient::Options& login = MqttTestClient::Options());
 
   // The commands it received, in order.
   std::vector<MqttTestClient::Message> Commands() const;

@@ -244,11 +244,13 @@ TEST_F(RunTest, ReplyWithOtherCorrelationDataIsSkippedAndTheRightOneCounts) {
   PlayedBox& b1 = Box("b1");
   ASSERT_NO_FATAL_FAILURE(Begin("b1"));
   Execute();
-  ASSERT_TRUE(b1.Answer({Pong("b1")}, std::string("another-run/b1")));
+  ASSERT_TRUE(
+      b1.Answer({R"({"command":"ping","code":1,"args":["NOT MINE"],"box":"b1"})"}, std::string("another-run/b1")));
   ASSERT_TRUE(b1.Answer({Pong("b1")}));
   EXPECT_EQ(Finish(), Waited::Done);
   ASSERT_EQ(results.size(), 1u);
   EXPECT_EQ(results[0].status, BoxResult::kSuccess);
+  EXPECT_EQ(results[0].plain, "b1\tPONG\n");
   EXPECT_EQ(run->Skipped().Of(Skip::Unasked), 1u);
 }
 

@@ -1,0 +1,139 @@
+// kendrivex-fleet on a secured broker: the README's access control (each box
+// confined to its own topics, the operator with a password file), where run
+// works because each reply's topic lies inside its box's own; a refused
+// login, a sync marker the access rules refuse, a password file others may
+// read; and TLS with the broker's certificate verified and a client's.
+#include <sys/stat.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/mqtt_credentials.h"
+#include "tests/tools/fleet/fleet_program_test.h"
+
+namespace zel::fleet::test {
+namespace {
+
+using ::zel::test::MakePasswordFile;
+using ::zel::test::TestCertificates;
+
+// The README's access control, under the test's prefix.
+const char kReadmeAcl[] =
+    "pattern readwrite kdx/%u/#\n"
+    "pattern read kdx/all/cmd\n"
+    "user operator\n"
+    "topic readwrite kdx/#\n"
+    "user reader\n"
+    "topic read kdx/#\n";
+
+class FleetSecurityTest : public FleetTest {
+ protected:
+  std::string WriteFile(const std::string& name, const std::string& text, mode_t mode = 0600) {
+    const std::string path = dir.File(name);
+    std::ofstream(path) << text;
+    ::chmod(path.c_str(), mode);
+    return path;
+  }
+
+  // The broker of the README's access control, with boxes box1 and box2
+  // logged in as themselves.
+  void StartFleetOfUsers() {
+    ASSERT_TRUE(MakePasswordFile(dir.File("passwords"),
+                                 {{"box1", "pw1"}, {"box2", "pw2"}, {"operator", "op-pw"}, {"reader", "rd-pw"}}));
+    broker.AddConfig({"allow_anonymous false", "password_file " + dir.File("passwords"),
+                      "acl_file " + WriteFile("acl", kReadmeAcl)});
+    StartBroker();
+    login.username = "operator";
+    login.password = "op-pw";
+    for (const std::string box : {"box1", "box2"}) {
+      const std::string password = WriteFile(box + ".password", box == "box1" ? "pw1\n" : "pw2\n");
+      StartBox(box, {}, {"--username", box, "--password-file", password});
+    }
+  }
+
+  std::unique_ptr<TestCertificates> certificates;
+};
+
+TEST_F(FleetSecurityTest, RunAndLsWorkUnderTheReadmesAccessControl) {
+  StartFleetOfUsers();
+  const std::string password = WriteFile("operator.password", "op-pw\n");
+  Result result = Fleet({"--username", "operator", "--password-file", password, "run", "all", "ping"});
+  EXPECT_EQ(result.out, "box1\tPONG\nbox2\tPONG\n");
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  result = Fleet({"--username", "operator", "--password-file", password, "ls"});
+  EXPECT_EQ(result.out, "box1\tonline\tup\nbox2\tonline\tup\n");
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
+TEST_F(FleetSecurityTest, WrongPasswordIsARefusedConnection) {
+  StartFleetOfUsers();
+  const Result result =
+      Fleet({"--username", "operator", "--password-file", WriteFile("wrong.password", "guess\n"), "ls"});
+  EXPECT_EQ(result.err, ErrorLine(broker.Url(), "the broker refused the connection: not authorized (0x87)"));
+  EXPECT_EQ(result.exitCode, 3);
+}
+
+TEST_F(FleetSecurityTest, SyncMarkerTheAccessRulesRefuseIsSaid) {
+  StartFleetOfUsers();
+  const Result result =
+      Fleet({"--username", "reader", "--password-file", WriteFile("reader.password", "rd-pw\n"), "ls"});
+  const std::string head = "kendrivex-fleet: " + broker.Url() + ": the sync marker on kdx/all/sync/";
+  const std::string tail = ": the broker refused it: not authorized (0x87)\n";
+  EXPECT_EQ(result.err.rfind(head, 0), 0u) << result.err;
+  ASSERT_GE(result.err.size(), head.size() + tail.size());
+  EXPECT_EQ(result.err.substr(result.err.size() - tail.size()), tail) << result.err;
+  EXPECT_EQ(result.exitCode, 3);
+}
+
+TEST_F(FleetSecurityTest, PasswordFileOthersMayReadGetsAWarning) {
+  StartFleetOfUsers();
+  const std::string password = WriteFile("open.password", "op-pw\n", 0644);
+  const Result result = Fleet({"--username", "operator", "--password-file", password, "ls"});
+  EXPECT_EQ(result.err, "kendrivex-fleet: warning: permissions 0644 for the password file " + password +
+                            " are too open: it should be readable by its owner alone (chmod 600 " + password + ")\n");
+  EXPECT_EQ(result.exitCode, 0);
+}
+
+class FleetTlsTest : public FleetSecurityTest {
+ protected:
+  void StartTlsBroker(bool requireClientCertificate) {
+    certificates = std::make_unique<TestCertificates>(dir);
+    tlsPort = MqttBroker::FreePort();
+    broker.AddConfig(certificates->ListenerConfig(tlsPort, requireClientCertificate));
+    StartBroker();
+    StartBox("box1");
+  }
+  std::string TlsUrl() const { return "mqtts://127.0.0.1:" + std::to_string(tlsPort); }
+
+  int tlsPort = 0;
+};
+
+TEST_F(FleetTlsTest, BrokerVouchedForByTheGivenAuthorityIsUsed) {
+  StartTlsBroker(false);
+  const Result result = Fleet({"--cafile", certificates->Ca(), "run", "all", "ping"}, TlsUrl());
+  EXPECT_EQ(result.out, "box1\tPONG\n");
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
+TEST_F(FleetTlsTest, BrokerThatTheSystemDoesNotVouchForIsRefused) {
+  StartTlsBroker(false);
+  const Result result = Fleet({"ls"}, TlsUrl());
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err.rfind("kendrivex-fleet: " + TlsUrl() + ": ", 0), 0u) << result.err;
+  EXPECT_NE(result.err.find("certificate verify failed"), std::string::npos) << result.err;
+  EXPECT_EQ(result.exitCode, 3);
+}
+
+TEST_F(FleetTlsTest, ClientCertificateIsGivenWhenTheBrokerAsks) {
+  StartTlsBroker(true);
+  const Result result = Fleet({"--cafile", certificates->Ca(), "--cert", certificates->Cert("client"), "--key",
+                               certificates->Key("client"), "ls"},
+                              TlsUrl());
+  EXPECT_EQ(result.out, "box1\tonline\tup\n");
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
+}  // namespace
+}  // namespace zel::fleet::test
