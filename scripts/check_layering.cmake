@@ -10,6 +10,8 @@
 #          whose headers no other folder of the programs includes);
 #   tools/bridge, kendrivex-bridge, uses the client core, the MQTT layer,
 #          ipc and util only: never cli, app or the other tools;
+#   tools/fleet, kendrivex-fleet, uses the client core, the MQTT layer and
+#          util only: never ipc, cli, app or the other tools;
 #   tools  use the client core, cli, ipc and util, never app.
 # No folder above includes anything of tests/ or bench/. An include names a
 # folder by its path ("ipc/ipc_client.h"): the longest layer that begins it,
@@ -29,7 +31,7 @@ endif()
 
 # The folders checked, and the project folders each may include from. A
 # layer inside another (the client core inside tools) is listed before it.
-set(kdxLayers cli util ipc app tools/service_client tools/mqtt tools/bridge tools)
+set(kdxLayers cli util ipc app tools/service_client tools/mqtt tools/bridge tools/fleet tools)
 set(kdxAllowed_cli cli)
 set(kdxAllowed_util util)
 set(kdxAllowed_ipc ipc util)
@@ -37,6 +39,7 @@ set(kdxAllowed_app app cli ipc util)
 set(kdxAllowed_tools/service_client tools/service_client ipc util)
 set(kdxAllowed_tools/mqtt tools/mqtt util)
 set(kdxAllowed_tools/bridge tools/bridge tools/service_client tools/mqtt ipc util)
+set(kdxAllowed_tools/fleet tools/fleet tools/service_client tools/mqtt util)
 set(kdxAllowed_tools tools tools/service_client cli ipc util)
 # Every folder whose headers an include can name.
 set(kdxFolders ${kdxLayers} tests bench)

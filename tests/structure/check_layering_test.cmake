@@ -29,6 +29,9 @@ function(kdx_write_clean_tree root)
     "#pragma once\n#include <mosquitto.h>\n#include <mqtt_protocol.h>\n#include \"util/decimal_text.h\"\n")
   file(WRITE "${root}/tools/bridge/bridge.cpp"
     "#include \"tools/service_client/runner.h\"\n#include \"tools/mqtt/session.h\"\n#include \"ipc/ipc_client.h\"\n#include \"util/socket.h\"\n")
+  file(WRITE "${root}/tools/fleet/run.cpp"
+    "#include \"tools/service_client/runner.h\"\n#include \"tools/mqtt/session.h\"\n#include \"util/socket.h\"\n#include \"run.h\"\n")
+  file(WRITE "${root}/tools/fleet/run.h" "#pragma once\n")
   file(WRITE "${root}/tests/support/helper.h" "#pragma once\n")
 endfunction()
 
@@ -107,6 +110,16 @@ kdx_expect_crossing(bridge_app tools/bridge/bad.cpp "#include \"app/globals.h\""
   "tools/bridge/bad.cpp: includes \"app/globals.h\" of app/")
 kdx_expect_crossing(bridge_ctl tools/bridge/bad.cpp "#include \"tools/ctl/arguments.h\""
   "tools/bridge/bad.cpp: includes \"tools/ctl/arguments.h\" of tools/")
+kdx_expect_crossing(fleet_ipc tools/fleet/bad.cpp "#include \"ipc/ipc_client.h\""
+  "tools/fleet/bad.cpp: includes \"ipc/ipc_client.h\" of ipc/")
+kdx_expect_crossing(fleet_cli tools/fleet/bad.cpp "#include \"cli/console.h\""
+  "tools/fleet/bad.cpp: includes \"cli/console.h\" of cli/")
+kdx_expect_crossing(fleet_bridge tools/fleet/bad.h "#include \"tools/bridge/bridge.h\""
+  "tools/fleet/bad.h: includes \"tools/bridge/bridge.h\" of tools/bridge/")
+kdx_expect_crossing(fleet_mosquitto tools/fleet/bad.cpp "#include <mosquitto.h>"
+  "tools/fleet/bad.cpp: includes libmosquitto's \"mosquitto.h\"; only tools/mqtt/ may")
+kdx_expect_crossing(bridge_fleet tools/bridge/bad.cpp "#include \"tools/fleet/run.h\""
+  "tools/bridge/bad.cpp: includes \"tools/fleet/run.h\" of tools/fleet/")
 kdx_expect_crossing(app_core app/bad.cpp "#include \"tools/service_client/runner.h\""
   "app/bad.cpp: includes \"tools/service_client/runner.h\" of tools/service_client/")
 kdx_expect_crossing(app_tests app/bad.cpp "#include \"tests/support/helper.h\""
