@@ -688,9 +688,12 @@
     list.textContent = '';
     const counts = [0, 0, 0, 0];
     const fragment = document.createDocumentFragment();
-    for (const reply of replies) {
-      if (!reply || typeof reply !== 'object') continue;
-      const status = replyStatus(reply);
+    // Those that did not answer first, then those that failed: what needs a
+    // look is on top.
+    const shown = replies.filter((reply) => reply && typeof reply === 'object')
+                      .map((reply) => ({reply, status: replyStatus(reply)}))
+                      .sort((a, b) => b.status - a.status || collator.compare(String(a.reply.box), String(b.reply.box)));
+    for (const {reply, status} of shown) {
       counts[status] += 1;
       const item = document.createElement('li');
       item.setAttribute('data-reply-box', String(reply.box));
