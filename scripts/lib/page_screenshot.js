@@ -24,7 +24,7 @@ async function main() {
     await page.waitForSelector('[data-link="up"]');
     await page.waitForFunction((total, both) => {
       const read = (name) => Number(document.querySelector(`[data-count="${name}"]`).textContent);
-      const withEvents = [...document.querySelectorAll('td.event .number')].filter((n) => n.textContent).length;
+      const withEvents = [...document.querySelectorAll('#box-rows .event .number')].filter((n) => n.textContent).length;
       return read('boxes') === total && (!both || (read('offline') >= 1 && read('down') >= 1)) &&
           withEvents >= total - 2 && document.querySelectorAll('[data-event-box]').length >= 30;
     }, {}, count, count >= 5);

@@ -235,6 +235,7 @@
       pending.events = [];
       addEvents(fresh);
     }
+    if (log.dirty) drawLog();
     if (view.orderDirty) placeRows();
     if (view.countsDirty) showCounts();
     if (view.idsDirty) showIds();
@@ -256,7 +257,7 @@
         setText(row.cells.eventNumber, '');
         setText(row.cells.eventText, '');
       } else {
-        row.tr.remove();
+        row.node.remove();
         rows.delete(id);
         picked.delete(id);
       }
@@ -274,16 +275,16 @@
   const picked = new Set();
 
   function makeRow(id) {
-    const tr = rowTemplate.cloneNode(true);
-    tr.setAttribute('data-box', id);
-    const cells = tr.children;
+    const node = rowTemplate.cloneNode(true);
+    node.setAttribute('data-box', id);
+    const cells = node.children;
     const pick = cells[0].firstElementChild;
     pick.setAttribute('aria-label', `Select ${id}`);
     pick.checked = picked.has(id);
     cells[1].textContent = id;
     const row = {
       id,
-      tr,
+      node,
       pick,
       status: null,
       service: null,
@@ -314,14 +315,14 @@
     let touched = false;
     if (row.status !== status) {
       row.status = status;
-      setAttr(row.tr, 'data-status', status);
+      setAttr(row.node, 'data-status', status);
       setText(row.cells.status, status);
       touched = true;
       view.countsDirty = true;
     }
     if (row.service !== service) {
       row.service = service;
-      setAttr(row.tr, 'data-service', service);
+      setAttr(row.node, 'data-service', service);
       setText(row.cells.service, service === 'unknown' ? '-' : service);
       touched = true;
       view.countsDirty = true;
@@ -355,7 +356,7 @@
     const shown = !view.filter || rowMatches(row, view.filter);
     if (shown !== row.shown) {
       row.shown = shown;
-      row.tr.hidden = !shown;
+      row.node.hidden = !shown;
       view.countsDirty = true;
     }
   }
@@ -393,10 +394,10 @@
     const sorted = Array.from(rows.values()).sort(compareRows);
     let node = tbody.firstElementChild;
     for (const row of sorted) {
-      if (row.tr === node) {
+      if (row.node === node) {
         node = node.nextElementSibling;
       } else {
-        tbody.insertBefore(row.tr, node);
+        tbody.insertBefore(row.node, node);
       }
     }
   }
@@ -460,11 +461,11 @@
       view.sortDir = 1;
     }
     for (const button of document.querySelectorAll('[data-sort]')) {
-      const th = button.parentElement;
+      const header = button.parentElement;
       if (button.dataset.sort === key) {
-        th.setAttribute('aria-sort', view.sortDir > 0 ? 'ascending' : 'descending');
+        header.setAttribute('aria-sort', view.sortDir > 0 ? 'ascending' : 'descending');
       } else {
-        th.removeAttribute('aria-sort');
+        header.removeAttribute('aria-sort');
       }
     }
     placeRows();
@@ -504,12 +505,24 @@
   }
 
   // ---- The event log ----------------------------------------------------
+  //
+  // Up to kMaxEvents lines, newest first; but only the lines in view are in
+  // the page: a few line nodes, filled again with the events at their places
+  // whenever the log moves or is scrolled. Each new event moves every line
+  // down one place, and 500 lines in the page would be laid out and painted
+  // again each time; so only what is seen is.
 
-  const logList = $('log-lines');
+  const kLineHeight = 19;  // pixels, as app.css gives the lines
+  const logView = $('log-view');  // the scrolled box
+  const logSizer = $('log-sizer');  // as high as all the lines
+  const logList = $('log-lines');  // the lines in view
   const lineTemplate = $('line-template').content.firstElementChild;
-  // Line nodes out of the list, for reuse; with those in it never more than
-  // kMaxEvents.
-  const spareLines = [];
+  const log = {
+    shown: [],     // the events the log holds now, newest first
+    top: 0,        // the scroll position, as the last scroll event said
+    rows: 0,       // lines that fit in view, and one more
+    dirty: false,  // to be drawn in the next frame
+  };
 
   function logMatches(event) {
     if (view.logBox && event.box !== view.logBox) return false;
@@ -518,6 +531,7 @@
   }
 
   function fillLine(line, event) {
+    line.hidden = false;
     setAttr(line, 'data-event-box', event.box);
     setAttr(line, 'data-event-id', eventNumber(event));
     const parts = line.children;
@@ -527,21 +541,28 @@
     setText(parts[3], eventText(event));
   }
 
-  function takeLine() {
-    return spareLines.pop() || lineTemplate.cloneNode(true);
+  function emptyLine(line) {
+    line.hidden = true;
+    line.removeAttribute('data-event-box');
+    line.removeAttribute('data-event-id');
   }
 
-  // Newest first: a new line goes on top, and once the list is full the
-  // bottom one is moved up and filled again.
-  function prependLine(event) {
-    let line;
-    if (logList.children.length >= kMaxEvents) {
-      line = logList.lastElementChild;
-    } else {
-      line = takeLine();
+  // Puts the events at the scroll position into the line nodes.
+  function drawLog() {
+    log.dirty = false;
+    logSizer.style.height = `${log.shown.length * kLineHeight}px`;
+    const first = Math.min(Math.floor(log.top / kLineHeight), Math.max(0, log.shown.length - log.rows));
+    logList.style.transform = `translateY(${first * kLineHeight}px)`;
+    while (logList.children.length < log.rows) logList.appendChild(lineTemplate.cloneNode(true));
+    const lines = logList.children;
+    for (let i = 0; i < lines.length; i += 1) {
+      const event = i < log.rows ? log.shown[first + i] : undefined;
+      if (event) {
+        fillLine(lines[i], event);
+      } else if (!lines[i].hidden) {
+        emptyLine(lines[i]);
+      }
     }
-    fillLine(line, event);
-    logList.insertBefore(line, logList.firstElementChild);
   }
 
   // The whole log again: after a snapshot, a change of filter or a pause.
@@ -550,22 +571,9 @@
     for (let i = events.length - 1; i >= 0 && chosen.length < kMaxEvents; i -= 1) {
       if (logMatches(events[i])) chosen.push(events[i]);
     }
-    let line = logList.firstElementChild;
-    for (const event of chosen) {
-      if (!line) {
-        line = takeLine();
-        logList.appendChild(line);
-      }
-      fillLine(line, event);
-      line = line.nextElementSibling;
-    }
-    while (line) {
-      const next = line.nextElementSibling;
-      line.remove();
-      spareLines.push(line);
-      line = next;
-    }
+    log.shown = chosen;
     view.logMissed = 0;
+    drawLog();
     showLogState();
   }
 
@@ -585,11 +593,30 @@
       return;
     }
     const matching = fresh.filter(logMatches);
-    if (matching.length >= kMaxEvents) {
-      renderLog();
-    } else {
-      for (const event of matching) prependLine(event);
+    if (matching.length === 0) return;
+    log.shown = matching.reverse().concat(log.shown);
+    if (log.shown.length > kMaxEvents) log.shown.length = kMaxEvents;
+    drawLog();
+    // Scrolled down to older lines, the reader keeps seeing the same ones.
+    if (log.top > 0) {
+      log.top += matching.length * kLineHeight;
+      logView.scrollTop = log.top;
     }
+  }
+
+  function onLogScroll() {
+    log.top = logView.scrollTop;
+    if (!log.dirty) {
+      log.dirty = true;
+      schedule();
+    }
+  }
+
+  function onLogResize(entries) {
+    const height = entries[entries.length - 1].contentRect.height;
+    log.rows = Math.ceil(height / kLineHeight) + 1;
+    log.dirty = true;
+    schedule();
   }
 
   function showLogState() {
@@ -773,8 +800,8 @@
     document.querySelector('[data-sort="box"]').parentElement.setAttribute('aria-sort', 'ascending');
     $('box-filter').addEventListener('input', (event) => setFilter(event.target.value));
     tbody.addEventListener('change', (event) => {
-      const tr = event.target.closest('tr');
-      const row = tr && rows.get(tr.getAttribute('data-box'));
+      const node = event.target.closest('[data-box]');
+      const row = node && rows.get(node.getAttribute('data-box'));
       if (row && event.target === row.pick) onPick(row, row.pick.checked);
     });
     $('pick-all').addEventListener('change', (event) => {
@@ -810,6 +837,8 @@
       view.logNumber = event.target.value.trim();
       if (!view.logPaused) renderLog();
     });
+    logView.addEventListener('scroll', onLogScroll, {passive: true});
+    new ResizeObserver(onLogResize).observe(logView);
     setInterval(watchSilence, kSilenceCheckMs);
     loadCommands();
     open();

@@ -12,7 +12,7 @@ const http = require('node:http');
 
 const {pageCase, endOfCases, waitUntil, freePort} = require('./page_world.js');
 
-const row = (id, more = '') => `tr[data-box="${id}"]${more}`;
+const row = (id, more = '') => `[data-box="${id}"]${more}`;
 const online = (id) => row(id, '[data-status="online"]');
 
 // The fleet, its boxes and the page, with every box's row online.
@@ -60,8 +60,8 @@ pageCase('RowsAppearWithTheirStatusAndService', async (world) => {
   for (const id of ['box1', 'box2']) {
     assert.equal(await attribute(page, row(id), 'data-status'), 'online');
     assert.equal(await attribute(page, row(id), 'data-service'), 'up');
-    assert.equal(await text(page, `${row(id)} td.status`), 'online');
-    assert.equal(await text(page, `${row(id)} td.service`), 'up');
+    assert.equal(await text(page, `${row(id)} .status`), 'online');
+    assert.equal(await text(page, `${row(id)} .service`), 'up');
   }
   assert.equal(await attribute(page, row('box3'), 'data-status'), 'offline');
   assert.equal(await attribute(page, row('box3'), 'data-service'), 'unknown');
@@ -89,7 +89,7 @@ pageCase('StoppedServiceShowsDownAndUpWhenItIsBack', async (world) => {
   box.sim.signal('SIGKILL');
   await page.waitForSelector(row('box1', '[data-service="down"]'));
   assert.equal(await attribute(page, row('box1'), 'data-status'), 'online');
-  assert.equal(await text(page, `${row('box1')} td.service`), 'down');
+  assert.equal(await text(page, `${row('box1')} .service`), 'down');
   assert.equal(await text(page, '[data-count="down"]'), '1');
   assert.equal(await attribute(page, row('box2'), 'data-service'), 'up');
   await world.startSim(box);
@@ -106,14 +106,14 @@ pageCase('EventAppearsInTheLogAndInItsRow', async (world) => {
   assert.equal(await text(page, `${line} .box`), 'box1');
   assert.equal(await text(page, `${line} .text`), 'link up');
   await page.waitForFunction((selector) => document.querySelector(selector).textContent !== '',
-                             {}, `${row('box1')} td.event .number`);
-  assert.equal(await text(page, `${row('box1')} td.event .number`), '42');
-  assert.equal(await text(page, `${row('box1')} td.event .text`), 'link up');
+                             {}, `${row('box1')} .event .number`);
+  assert.equal(await text(page, `${row('box1')} .event .number`), '42');
+  assert.equal(await text(page, `${row('box1')} .event .text`), 'link up');
   // The box's own time, as it sent it, and of this moment (same clock).
-  const sent = await attribute(page, `${row('box1')} td.event time`, 'datetime');
+  const sent = await attribute(page, `${row('box1')} .event time`, 'datetime');
   assert.match(sent, /^\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z$/);
   assert.ok(Math.abs(Date.parse(sent) - Date.now()) < 60000, sent);
-  assert.equal(await text(page, `${row('box2')} td.event .text`), '');
+  assert.equal(await text(page, `${row('box2')} .event .text`), '');
   assert.equal(await page.$(`[data-event-box="box2"]`), null);
 });
 
@@ -169,8 +169,8 @@ pageCase('PingOnAllShowsEachPongAndMarksABoxThatDoesNotAnswer', async (world) =>
 
 pageCase('PickedBoxesAreTheTarget', async (world) => {
   const page = await livePage(world, ['box1', 'box2', 'box3']);
-  await page.click(`${row('box2')} td.pick input`);
-  await page.click(`${row('box3')} td.pick input`);
+  await page.click(`${row('box2')} .pick input`);
+  await page.click(`${row('box3')} .pick input`);
   assert.equal(await page.$eval('[data-run-target]', (node) => node.value), 'box2,box3');
   await runCommand(page, await page.$eval('[data-run-target]', (node) => node.value), 'mac', 5000);
   await page.waitForSelector('[data-reply-box="box3"]');
@@ -191,8 +191,8 @@ pageCase('HostileEventTextAndBoxIdShowAsText', async (world) => {
   await page.waitForSelector(line);
   assert.equal(await text(page, `${line} .text`), hostile);
   await page.waitForFunction((selector, want) => document.querySelector(selector).textContent === want, {},
-                             `${row('box1')} td.event .text`, hostile);
-  assert.equal(await text(page, `${row(hostileId)} td.id`), hostileId);
+                             `${row('box1')} .event .text`, hostile);
+  assert.equal(await text(page, `${row(hostileId)} .id`), hostileId);
   assert.equal(await page.$('img'), null);
   assert.equal(await page.$('svg'), null);
   assert.deepEqual(world.consoleLines.filter((entry) => entry.startsWith('dialog')), []);
