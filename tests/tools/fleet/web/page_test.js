@@ -49,7 +49,14 @@ function replies(page) {
 }
 
 pageCase('RowsAppearWithTheirStatusAndService', async (world) => {
-  const first = await livePage(world, ['box1', 'box2', 'box3']);
+  await world.startBroker();
+  for (const id of ['box1', 'box2', 'box3']) await world.addBox(id);
+  // Online before kendrivex-fleet starts: it finds them retained, and so
+  // does not know when they changed.
+  await world.waitForStatus(['box1', 'box2', 'box3'], 'online');
+  await world.startFleet();
+  const first = await world.openPage();
+  await first.waitForSelector(online('box3'));
   await world.box('box3').bridge.stop();
   await first.waitForSelector(row('box3', '[data-status="offline"]'));
 
@@ -62,13 +69,34 @@ pageCase('RowsAppearWithTheirStatusAndService', async (world) => {
     assert.equal(await attribute(page, row(id), 'data-service'), 'up');
     assert.equal(await text(page, `${row(id)} .status`), 'online');
     assert.equal(await text(page, `${row(id)} .service`), 'up');
+    assert.equal(await text(page, `${row(id)} .changed`), 'unknown');
   }
   assert.equal(await attribute(page, row('box3'), 'data-status'), 'offline');
   assert.equal(await attribute(page, row('box3'), 'data-service'), 'unknown');
+  // Its change was seen: when, by this machine's clock.
+  const changed = await attribute(page, `${row('box3')} .changed time`, 'datetime');
+  assert.ok(Math.abs(Date.parse(changed) - Date.now()) < 60000, changed);
   assert.equal(await text(page, '[data-count="boxes"]'), '3');
   assert.equal(await text(page, '[data-count="online"]'), '2');
   assert.equal(await text(page, '[data-count="offline"]'), '1');
   assert.equal(await text(page, '[data-count="down"]'), '0');
+});
+
+pageCase('TableSortsAndFiltersAsTyped', async (world) => {
+  const page = await livePage(world, ['box1', 'box2', 'box10']);
+  const order = () => page.$$eval('#box-rows [data-box]:not([hidden])', (nodes) => nodes.map((n) => n.dataset.box));
+  assert.deepEqual(await order(), ['box1', 'box2', 'box10']);
+  await page.click('[data-sort="box"]');
+  assert.deepEqual(await order(), ['box10', 'box2', 'box1']);
+  world.box('box2').bridge.signal('SIGKILL');
+  await page.waitForSelector(row('box2', '[data-status="offline"]'));
+  await page.click('[data-sort="status"]');
+  assert.deepEqual(await order(), ['box2', 'box1', 'box10']);
+  await page.type('#box-filter', 'BOX1');
+  assert.deepEqual(await order(), ['box1', 'box10']);
+  await page.type('#box-filter', '0');
+  assert.deepEqual(await order(), ['box10']);
+  assert.equal(await text(page, '[data-count="boxes"]'), '3');
 });
 
 pageCase('KilledBridgeTurnsItsRowOfflineWithinTwoSeconds', async (world) => {

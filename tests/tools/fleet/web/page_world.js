@@ -184,6 +184,26 @@ class World {
     return box;
   }
 
+  // Waits until the broker holds `status` (retained) for each of the boxes,
+  // as a subscriber of their status topics reads it.
+  async waitForStatus(ids, status, timeoutMs = 10000) {
+    const watcher = this.start(`status-${Date.now()}`, [
+      'mosquitto_sub', '-h', '127.0.0.1', '-p', String(this.brokerPort), '-v', '-t', `${this.prefix}/+/status`,
+    ]);
+    try {
+      await waitUntil(() => {
+        const last = new Map();
+        for (const line of watcher.output.split('\n')) {
+          const space = line.indexOf(' ');
+          if (space > 0) last.set(line.slice(0, space), line.slice(space + 1));
+        }
+        return ids.every((id) => last.get(`${this.prefix}/${id}/status`) === status);
+      }, timeoutMs, `${ids.join(', ')} ${status} on the broker`);
+    } finally {
+      await watcher.stop();
+    }
+  }
+
   // What the box's simulator was asked, one line a request.
   requestsOf(id) {
     const log = fs.existsSync(this.box(id).simLog) ? fs.readFileSync(this.box(id).simLog, 'utf8') : '';
