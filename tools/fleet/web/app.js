@@ -493,13 +493,17 @@
     return Array.from(picked).sort(collator.compare).join(',');
   }
 
-  function onPick(row, on) {
+  function setPicked(row, on) {
     if (on) {
       picked.add(row.id);
     } else {
       picked.delete(row.id);
     }
     row.pick.checked = on;
+  }
+
+  // The picked boxes are the command's target; none picked, all of them.
+  function showPickedTarget() {
     $('run-target').value = picked.size ? pickedTarget() : 'all';
     showPicked();
   }
@@ -802,22 +806,16 @@
     tbody.addEventListener('change', (event) => {
       const node = event.target.closest('[data-box]');
       const row = node && rows.get(node.getAttribute('data-box'));
-      if (row && event.target === row.pick) onPick(row, row.pick.checked);
+      if (row && event.target === row.pick) {
+        setPicked(row, row.pick.checked);
+        showPickedTarget();
+      }
     });
     $('pick-all').addEventListener('change', (event) => {
-      const on = event.target.checked;
       for (const row of rows.values()) {
-        if (row.shown) {
-          if (on) {
-            picked.add(row.id);
-          } else {
-            picked.delete(row.id);
-          }
-          row.pick.checked = on;
-        }
+        if (row.shown) setPicked(row, event.target.checked);
       }
-      $('run-target').value = picked.size ? pickedTarget() : 'all';
-      showPicked();
+      showPickedTarget();
     });
     $('target-all').addEventListener('click', () => {
       $('run-target').value = 'all';
