@@ -1,7 +1,7 @@
 // Saves a picture of the fleet page for the README: opens it in headless
 // Chromium, waits until it shows every box (and, in a fleet of five or more,
 // the box whose service scripts/fleet.sh stopped and the one whose bridge it
-// stopped) and the last event of (nearly) every box, runs ping on all boxes and saves the
+// stopped), the last event of (nearly) every box and a log full of them, runs ping on all boxes and saves the
 // page once the replies are in. Run by scripts/fleet.sh --screenshot, with
 // NODE_PATH at the build's puppeteer-core.
 // Usage: node scripts/lib/page_screenshot.js URL FILE COUNT
@@ -24,9 +24,10 @@ async function main() {
     await page.waitForSelector('[data-link="up"]');
     await page.waitForFunction((total, both) => {
       const read = (name) => Number(document.querySelector(`[data-count="${name}"]`).textContent);
+      const lines = [...document.querySelectorAll('#log-lines li')];
       const withEvents = [...document.querySelectorAll('#box-rows .event .number')].filter((n) => n.textContent).length;
       return read('boxes') === total && (!both || (read('offline') >= 1 && read('down') >= 1)) &&
-          withEvents >= total - 2 && document.querySelectorAll('[data-event-box]').length >= 30;
+          withEvents >= total - 2 && lines.length > 0 && lines.every((line) => !line.hidden);
     }, {}, count, count >= 5);
     await page.select('[data-run-command]', 'ping');
     await page.$eval('#run-timeout', (node) => {
