@@ -29,8 +29,8 @@
 # may be shared.
 set -euo pipefail
 cd "$(dirname "$0")/../.."
-# shellcheck source=scripts/lib/wait.sh
-source scripts/lib/wait.sh
+# shellcheck source=bench/support/broker.sh
+source bench/support/broker.sh
 
 commands="${1:-10000}"
 events="${2:-100000}"
@@ -72,22 +72,12 @@ stop() {
   for pid in "$@"; do wait "$pid" 2>/dev/null || true; done
 }
 
-# A loopback port that nothing listens on.
-free_port() {
-  local port
-  while true; do
-    port=$((20000 + RANDOM % 40000))
-    if ! (: <>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
-      echo "$port"
-      return
-    fi
-  done
-}
-
-# start_broker <name> <true|false>: a broker of its own, set_tcp_nodelay as
+# bench_broker <name> <true|false>: a broker of its own, set_tcp_nodelay as
 # given; sets broker_port and broker_pid. Queued messages are not limited, so
 # that a subscriber slower than its publisher loses nothing at the broker.
-start_broker() {
+# Two run at once, so the one-broker helpers of bench/support/broker.sh
+# serve only for the port.
+bench_broker() {
   local name=$1 nodelay=$2 conf="$tmp/$1.conf"
   broker_port=$(free_port)
   {
@@ -151,7 +141,7 @@ pushed_more() { [ "$(pushes_done)" -gt "$1" ]; }
 # --- Command round trip -----------------------------------------------------
 log "command round trip: $commands pings, $rounds rounds (load $(load))"
 load_start=$(load)
-start_broker fast true
+bench_broker fast true
 fast_port=$broker_port
 "$sim" --log /dev/null --event-interval 0 "$tmp/svc" &
 sim_pid=$!
@@ -206,7 +196,7 @@ fast_floor=$(field median_us "$line")
 line=$("$mqtt_bench" request --port "$fast_port" --topic kendrivex/box1/cmd --count 1000)
 fast_bridge=$(field median_us "$line")
 stop "$responder_pid"
-start_broker slow false
+bench_broker slow false
 slow_port=$broker_port
 start_ready slow_responder respond --port "$slow_port" --topic bench/floor/cmd --nodelay 0
 slow_responder_pid=$ready_pid
