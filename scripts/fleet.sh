@@ -54,36 +54,25 @@ if [ -n "$screenshot" ]; then targets+=(kdx_node_modules); fi
 cmake --build --preset release --target "${targets[@]}"
 bin="$root/build/release/bin"
 
-source scripts/lib/fleet.sh
-
-dir=$(mktemp -d "${TMPDIR:-/tmp}/kdx-fleet.XXXXXX")
-flapper=""
-cleanup() {
-  if [ -n "$flapper" ]; then
-    kill -TERM "$flapper" 2>/dev/null || true
-    wait "$flapper" 2>/dev/null || true
-  fi
-  fleet_stop
-  rm -rf "$dir"
-}
-trap cleanup EXIT
-# A signal that ends the script still ends it through the EXIT trap.
-trap 'exit 130' INT
+# shellcheck source=bench/support/fleet.sh
+source bench/support/fleet.sh
+fleet_init "$bin/kendrivex-bridge" "$bin/kendrivex-sim"
 trap 'exit 129' HUP
-trap 'exit 143' TERM
 
-# What the boxes report: an event number and its text, one kind per box.
+# What the boxes report: an event number and its text, one kind per box,
+# every so many milliseconds, from busy to quiet.
 kinds=("7|link up" "12|station joined 02:5e:33:10:aa:01" "31|temperature 48 C" "44|dhcp lease renewed"
   "100|heartbeat" "52|channel changed to 11")
-# Milliseconds between two events of a box, from busy to quiet.
 intervals=(500 1000 2000 3000 5000 10000)
+fleet_sim_options_of() {
+  local i=$1 kind=${kinds[$(($1 % ${#kinds[@]}))]}
+  fleet_box_sim_options=(--event-interval "${intervals[$((i * 7 % ${#intervals[@]}))]}" --event-id "${kind%%|*}"
+    --event-text "${kind#*|}" --mac "$(printf '02:00:00:00:%02x:%02x' $((i / 256)) $((i % 256)))")
+}
 
-# The box whose service comes and goes: its simulator is stopped for six
-# seconds every thirty, and started again on the same socket. Its bridge
-# pings the service every second, so that the page shows it soon.
-flapping=box3
-flapping_sim=""
-fifth_bridge=""
+# box3's service comes and goes: its simulator is stopped for six seconds
+# every thirty, and started again on the same socket. The bridges ask their
+# services every two seconds, so that the page shows it soon.
 flap_service() {
   local box_dir=$1 pid=$2 pause=""
   shift 2
@@ -97,34 +86,21 @@ flap_service() {
     sleep 6 &
     pause=$!
     wait "$pause"
-    "$bin/kendrivex-sim" --log "$box_dir/sim.log" "$@" "$box_dir/svc" &
+    "$bin/kendrivex-sim" --log /dev/null "$@" "$box_dir/svc" &
     pid=$!
   done
 }
 
-fleet_start_broker "$dir"
-fleet_start_web "$dir" "$bin"
-for ((i = 1; i <= count; i++)); do
-  kind=${kinds[$((i % ${#kinds[@]}))]}
-  sim_options=(--event-interval "${intervals[$((i * 7 % ${#intervals[@]}))]}" --event-id "${kind%%|*}"
-    --event-text "${kind#*|}" --mac "$(printf '02:00:00:00:%02x:%02x' $((i / 256)) $((i % 256)))")
-  health=(--health 5)
-  if [ "box$i" = "$flapping" ]; then health=(--health 1); fi
-  fleet_start_box "$dir" "$bin" "box$i" "${sim_options[@]}" -- "${health[@]}"
-  if [ "box$i" = "$flapping" ]; then flapping_sim=$fleet_last_sim_pid; fi
-  if [ "$i" -eq 5 ]; then fifth_bridge=$fleet_last_bridge_pid; fi
-  if [ "box$i" = "$flapping" ] && [ -z "$screenshot" ]; then
-    flap_service "$dir/box$i" "$fleet_last_sim_pid" "${sim_options[@]}" &
-    flapper=$!
-  fi
-done
+start_broker "$fleet_dir" "allow_anonymous true" "set_tcp_nodelay true"
+fleet_web_start "$bin/kendrivex-fleet"
+fleet_start "$count" kendrivex --health 2
 
 if [ -n "$screenshot" ]; then
   # Every box online first; then one service down and one box gone, so that
   # the picture shows how they stand out.
-  wait_until 60 fleet_online "$count"
+  wait_until 60 fleet_web_online "$count"
   if [ "$count" -ge 5 ]; then
-    kill -TERM "$flapping_sim" "$fifth_bridge"
+    kill -TERM "${fleet_sim_pids[2]}" "${fleet_bridge_pids[4]}"
   fi
   NODE_PATH="$root/build/release/node/node_modules" node scripts/lib/page_screenshot.js "$fleet_page_url" \
     "$screenshot" "$count"
@@ -132,6 +108,11 @@ if [ -n "$screenshot" ]; then
   exit 0
 fi
 
-echo "$count boxes on $fleet_broker_url; their page: $fleet_page_url"
-echo "logs in $dir; Ctrl-C stops the fleet"
-wait "${fleet_pids[0]}"
+if [ "$count" -ge 3 ]; then
+  fleet_sim_options_of 3
+  flap_service "$fleet_dir/box3" "${fleet_sim_pids[2]}" "${fleet_box_sim_options[@]}" &
+  fleet_track $!
+fi
+echo "$count boxes on mqtt://127.0.0.1:$broker_port; their page: $fleet_page_url"
+echo "logs in $fleet_dir; Ctrl-C stops the fleet"
+wait "$fleet_web_pid"

@@ -32,32 +32,21 @@ cmake --preset release >/dev/null
 cmake --build --preset release --target kendrivex-sim kendrivex-bridge kendrivex-fleet kdx_node_modules >&2
 bin="$root/build/release/bin"
 
-# shellcheck source=scripts/lib/fleet.sh
-source scripts/lib/fleet.sh
-
-# Each bridge holds a few descriptors, the broker two per box.
-ulimit -n "$(ulimit -Hn)"
-
-dir=$(mktemp -d "${TMPDIR:-/tmp}/kdx-page-bench.XXXXXX")
-cleanup() {
-  fleet_stop
-  rm -rf "$dir"
+# shellcheck source=bench/support/fleet.sh
+source bench/support/fleet.sh
+fleet_init "$bin/kendrivex-bridge" "$bin/kendrivex-sim"
+fleet_sim_options_of() {
+  fleet_box_sim_options=(--event-interval 1000 --event-id $(($1 % 100 + 1)) --event-text "event of box$1")
 }
-trap cleanup EXIT
-trap 'exit 130' INT
-trap 'exit 143' TERM
 
 echo "load average at the start: $(cut -d ' ' -f 1-3 /proc/loadavg)" >&2
-fleet_start_broker "$dir"
-fleet_start_web "$dir" "$bin"
-fleet_pid=${fleet_pids[-1]}
+start_broker "$fleet_dir" "allow_anonymous true" "set_tcp_nodelay true" "max_connections -1"
+fleet_web_start "$bin/kendrivex-fleet"
 start=$(date +%s)
-for ((i = 1; i <= count; i++)); do
-  fleet_start_box "$dir" "$bin" "box$i" --event-interval 1000 --event-id $((i % 100 + 1)) --event-text "event of box$i"
-done
-wait_until 300 fleet_online "$count"
+fleet_start "$count" kendrivex
+wait_until 300 fleet_web_online "$count"
 echo "$count boxes online after $(($(date +%s) - start)) s" >&2
 
 NODE_PATH="$root/build/release/node/node_modules" node bench/fleet/page_bench.js "$fleet_page_url" "$count" \
-  "$seconds" "$fleet_pid"
+  "$seconds" "$fleet_web_pid"
 echo "load average at the end: $(cut -d ' ' -f 1-3 /proc/loadavg)" >&2
