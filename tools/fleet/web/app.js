@@ -36,6 +36,18 @@
 
   const pad = (n, width = 2) => String(n).padStart(width, '0');
 
+  // Today's date here, looked up again once a second at most: a thousand
+  // times are shown at once.
+  const today = {at: -Infinity, year: 0, month: 0, date: 0};
+  function localDay() {
+    const now = Date.now();
+    if (now - today.at > 1000) {
+      const moment = new Date(now);
+      Object.assign(today, {at: now, year: moment.getFullYear(), month: moment.getMonth(), date: moment.getDate()});
+    }
+    return today;
+  }
+
   // A time as the box sent it (ISO 8601, UTC), shown in the page's local
   // time: the time of day, with the date when it is not today. Text that is
   // not a time is shown as it came.
@@ -45,9 +57,8 @@
     if (Number.isNaN(moment.getTime())) return iso;
     const clock = `${pad(moment.getHours())}:${pad(moment.getMinutes())}:${pad(moment.getSeconds())}.` +
         pad(moment.getMilliseconds(), 3);
-    const today = new Date();
-    if (moment.getFullYear() === today.getFullYear() && moment.getMonth() === today.getMonth() &&
-        moment.getDate() === today.getDate()) {
+    const today = localDay();
+    if (moment.getFullYear() === today.year && moment.getMonth() === today.month && moment.getDate() === today.date) {
       return clock;
     }
     return `${moment.getFullYear()}-${pad(moment.getMonth() + 1)}-${pad(moment.getDate())} ${clock}`;
@@ -392,6 +403,13 @@
   function placeRows() {
     view.orderDirty = false;
     const sorted = Array.from(rows.values()).sort(compareRows);
+    if (!tbody.firstElementChild) {
+      // The first rows: put into the page at once.
+      const fragment = document.createDocumentFragment();
+      for (const row of sorted) fragment.appendChild(row.node);
+      tbody.appendChild(fragment);
+      return;
+    }
     let node = tbody.firstElementChild;
     for (const row of sorted) {
       if (row.node === node) {
