@@ -469,6 +469,8 @@
     if (!link.live) text = link.everLive ? 'no link to kendrivex-fleet' : 'connecting';
     else if (!up) text = 'kendrivex-fleet has no link to the broker';
     setText($('link-text'), text);
+    // Without the stream, what the page shows may be out of date: dimmed.
+    if (document.body.classList.contains('stale') === link.live) document.body.classList.toggle('stale', !link.live);
   }
 
   function sortBy(key) {
