@@ -185,7 +185,7 @@ pageCase('PingOnAllShowsEachPongAndMarksABoxThatDoesNotAnswer', async (world) =>
   // A stopped bridge keeps its connection, and so its status: the box is
   // expected, and does not answer.
   world.box('box3').bridge.signal('SIGSTOP');
-  await runCommand(page, 'all', 'ping', 1500);
+  await runCommand(page, 'all', 'ping', 2500);
   await page.waitForSelector('[data-reply-box="box3"]');
   const shown = await replies(page);
   assert.deepEqual(Object.keys(shown).sort(), ['box1', 'box2', 'box3']);

@@ -96,7 +96,12 @@ class Child {
     if (this.running) {
       this.signal('SIGTERM');
       this.signal('SIGCONT');
-      const ended = await Promise.race([this.exited, new Promise((resolve) => setTimeout(resolve, timeoutMs, null))]);
+      let timer;
+      const late = new Promise((resolve) => {
+        timer = setTimeout(resolve, timeoutMs, null);
+      });
+      const ended = await Promise.race([this.exited, late]);
+      clearTimeout(timer);
       if (ended === null) {
         this.signal('SIGKILL');
         await this.exited;
@@ -284,11 +289,12 @@ class World {
     try {
       await closeBrowser(this.browser);
     } finally {
-      // Bridges before the broker and their services, so that they end as
-      // they would on a box.
-      const order = (child) => (child.name.startsWith('bridge') ? 0 : child.name === 'broker' ? 2 : 1);
-      const children = this.children.slice().sort((a, b) => order(a) - order(b));
-      for (const child of children) await child.stop();
+      // The bridges before their services and the broker, as they would end
+      // on a box; the programs of each kind at once.
+      const kind = (child) => (child.name.startsWith('bridge') ? 0 : child.name === 'broker' ? 2 : 1);
+      for (const step of [0, 1, 2]) {
+        await Promise.all(this.children.filter((child) => kind(child) === step).map((child) => child.stop()));
+      }
       fs.rmSync(this.dir, {recursive: true, force: true});
     }
   }
