@@ -53,7 +53,7 @@ pageCase('RowsAppearWithTheirStatusAndService', async (world) => {
   for (const id of ['box1', 'box2', 'box3']) await world.addBox(id);
   // Online before kendrivex-fleet starts: it finds them retained, and so
   // does not know when they changed.
-  await world.waitForStatus(['box1', 'box2', 'box3'], 'online');
+  await world.waitForRetained(['box1', 'box2', 'box3'], {status: 'online', service: 'up'});
   await world.startFleet();
   const first = await world.openPage();
   await first.waitForSelector(online('box3'));

@@ -189,12 +189,14 @@ class World {
     return box;
   }
 
-  // Waits until the broker holds `status` (retained) for each of the boxes,
-  // as a subscriber of their status topics reads it.
-  async waitForStatus(ids, status, timeoutMs = 10000) {
-    const watcher = this.start(`status-${Date.now()}`, [
-      'mosquitto_sub', '-h', '127.0.0.1', '-p', String(this.brokerPort), '-v', '-t', `${this.prefix}/+/status`,
-    ]);
+  // Waits until the broker holds the retained values `wanted` (topic level
+  // to payload: {status: 'online', service: 'up'}) for each of the boxes, as
+  // a subscriber of those topics reads them.
+  async waitForRetained(ids, wanted, timeoutMs = 10000) {
+    const levels = Object.keys(wanted);
+    const topics = levels.flatMap((level) => ['-t', `${this.prefix}/+/${level}`]);
+    const watcher = this.start(`retained-${Date.now()}`,
+                               ['mosquitto_sub', '-h', '127.0.0.1', '-p', String(this.brokerPort), '-v', ...topics]);
     try {
       await waitUntil(() => {
         const last = new Map();
@@ -202,8 +204,8 @@ class World {
           const space = line.indexOf(' ');
           if (space > 0) last.set(line.slice(0, space), line.slice(space + 1));
         }
-        return ids.every((id) => last.get(`${this.prefix}/${id}/status`) === status);
-      }, timeoutMs, `${ids.join(', ')} ${status} on the broker`);
+        return ids.every((id) => levels.every((level) => last.get(`${this.prefix}/${id}/${level}`) === wanted[level]));
+      }, timeoutMs, `${ids.join(', ')}: ${JSON.stringify(wanted)} on the broker`);
     } finally {
       await watcher.stop();
     }
