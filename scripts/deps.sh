@@ -19,7 +19,11 @@ packages=(cmake ninja-build ccache g++ make googletest libgtest-dev libgmock-dev
 sysroot=false
 for arg in "$@"; do
   case "$arg" in
-    release|asan|tsan|size) ;;
+    # The release build's tests include the fleet page's, in Debian's
+    # headless Chromium (node and npm, which they also need, come with the
+    # machine's Node.js).
+    release) packages+=(chromium) ;;
+    asan|tsan|size) ;;
     armhf)
       packages+=(g++-arm-linux-gnueabihf qemu-user)
       sysroot=true

@@ -7,8 +7,9 @@
 #
 # fleet_init <bridge> <simulator> [dir] installs the clean-up; start_broker
 # (bench/support/broker.sh) starts the broker; fleet_start <count> <prefix>
-# [bridge options...] starts the boxes. A script that starts processes of its
-# own hands their ids to fleet_track so that they are stopped too.
+# [bridge options...] starts the boxes; fleet_web_start starts
+# kendrivex-fleet web on them. A script that starts processes of its own
+# hands their ids to fleet_track so that they are stopped too.
 
 # shellcheck source=bench/support/broker.sh
 source "$(dirname "${BASH_SOURCE[0]}")/broker.sh"
@@ -20,6 +21,11 @@ fleet_own_dir=false
 fleet_sim_pids=()
 fleet_bridge_pids=()
 fleet_tracked_pids=()
+# What a script's fleet_sim_options_of <i> (when it defines one) sets: more
+# options for box<i>'s simulator, such as its events.
+fleet_box_sim_options=()
+fleet_page_url=""
+fleet_web_pid=""
 
 # fleet_init <bridge> <simulator> [dir]: the programs to run and where the
 # boxes go (a new temporary directory, removed at the end, unless given).
@@ -43,7 +49,8 @@ fleet_init() {
 fleet_socket_or_end() { [ -S "$1" ] || ! kill -0 "$2" 2>/dev/null; }
 
 # fleet_start <count> <prefix> [bridge options...]: starts <count>
-# simulators (no events, no log) and then their bridges, box<i> below
+# simulators (no log; no events, unless the script's fleet_sim_options_of
+# says otherwise for the box) and then their bridges, box<i> below
 # <prefix> on the broker of start_broker, each bridge's standard error in its
 # box's bridge.err. All simulators start before the first socket is waited
 # for: start_sim (scripts/lib/sim.sh) waits for each in turn, 50 ms a box.
@@ -54,7 +61,9 @@ fleet_start() {
   for ((i = 1; i <= count; i++)); do
     box="$fleet_dir/box$i"
     mkdir -p "$box"
-    "$fleet_sim" --log /dev/null --event-interval 0 "$box/svc" &
+    fleet_box_sim_options=()
+    if declare -F fleet_sim_options_of >/dev/null; then fleet_sim_options_of "$i"; fi
+    "$fleet_sim" --log /dev/null --event-interval 0 "${fleet_box_sim_options[@]}" "$box/svc" &
     fleet_sim_pids+=("$!")
   done
   for ((i = 1; i <= count; i++)); do
@@ -70,6 +79,40 @@ fleet_start() {
       2>>"$box/bridge.err" &
     fleet_bridge_pids+=("$!")
   done
+}
+
+# fleet_web_start <kendrivex-fleet> [options...]: starts kendrivex-fleet web
+# on a free loopback port against the broker of start_broker, its output in
+# the fleet's directory (fleet.out, fleet.err), and returns once it listens;
+# the page's address is then in fleet_page_url, its process id in
+# fleet_web_pid (stopped with the fleet).
+fleet_web_start() {
+  local program=$1
+  shift
+  "$program" -b "mqtt://127.0.0.1:$broker_port" "$@" web --listen 127.0.0.1:0 >"$fleet_dir/fleet.out" \
+    2>"$fleet_dir/fleet.err" &
+  fleet_web_pid=$!
+  fleet_track "$fleet_web_pid"
+  if ! wait_until 10 fleet_web_listening || ! grep -qs '^http://' "$fleet_dir/fleet.out"; then
+    echo "kendrivex-fleet web did not start:" >&2
+    cat "$fleet_dir/fleet.err" >&2
+    return 1
+  fi
+  fleet_page_url=$(head -n 1 "$fleet_dir/fleet.out")
+}
+
+# kendrivex-fleet web has printed its address, or has ended (and will not).
+fleet_web_listening() { grep -qs '^http://' "$fleet_dir/fleet.out" || ! kill -0 "$fleet_web_pid" 2>/dev/null; }
+
+# fleet_web_online <count>: whether kendrivex-fleet web lists <count> boxes
+# online with their services up (its GET /api/boxes, read with node).
+fleet_web_online() {
+  node -e '
+    fetch(process.argv[1] + "api/boxes")
+      .then((response) => response.json())
+      .then((boxes) => boxes.filter((box) => box.status === "online" && box.service === "up").length)
+      .then((online) => process.exit(online >= Number(process.argv[2]) ? 0 : 1), () => process.exit(1));
+  ' "$fleet_page_url" "$1"
 }
 
 # fleet_track <pid...>: processes of the script's own to stop at the end.
