@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# The armhf libraries that kendrivex-bridge links, libmosquitto and the libssl
-# it needs, taken from Debian's armhf packages and unpacked into
-# build/sysroot-armhf. The cross build finds them there (headers, and the
+# The armhf libraries that the tools on MQTT link, taken from Debian's armhf
+# packages and unpacked into build/sysroot-armhf: libmosquitto and the libssl
+# it needs (kendrivex-bridge, kendrivex-fleet), and cpp-httplib with the
+# libraries it needs and the headers its header includes (kendrivex-fleet
+# web: see cmake/KdxHttplib.cmake). The cross build finds them there (headers, and the
 # libraries through -rpath-link), and qemu-arm through its library path; they
 # are never installed into the system. Idempotent: a sysroot that holds the
 # packages already is left as it is (remove the folder to fetch them anew).
@@ -10,7 +12,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 sysroot=build/sysroot-armhf
-packages=(libmosquitto1 libmosquitto-dev libssl3)
+packages=(libmosquitto1 libmosquitto-dev libssl3 libcpp-httplib0.11 libcpp-httplib-dev libssl-dev zlib1g zlib1g-dev libbrotli1 libbrotli-dev)
 stamp="$sysroot/.packages"
 if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "${packages[*]}" ]; then
   exit 0

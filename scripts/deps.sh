@@ -13,9 +13,12 @@ set -euo pipefail
 # them in every build); jq is in the README's examples, which a test runs.
 # kendrivex-bridge links libmosquitto; its tests run a broker of their own
 # (mosquitto), make its certificates (openssl) and check its systemd unit
-# (systemd-analyze, from systemd).
+# (systemd-analyze, from systemd). kendrivex-fleet web serves HTTP with
+# cpp-httplib (libcpp-httplib-dev: its library, and the headers of OpenSSL,
+# zlib and brotli that its header needs).
 packages=(cmake ninja-build ccache g++ make googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-  bash-completion libclang-rt-14-dev jq libmosquitto-dev mosquitto mosquitto-clients openssl systemd)
+  bash-completion libclang-rt-14-dev jq libmosquitto-dev mosquitto mosquitto-clients openssl systemd
+  libcpp-httplib-dev)
 sysroot=false
 for arg in "$@"; do
   case "$arg" in

@@ -11,6 +11,7 @@
 #include "tools/fleet/directory.h"
 #include "tools/fleet/link.h"
 #include "tools/fleet/run.h"
+#include "tools/fleet/web.h"
 #include "tools/service_client/format.h"
 #include "tools/service_client/signals.h"
 #include "util/decimal_text.h"
@@ -347,6 +348,8 @@ int Perform(const Invocation& invocation, core::Output& output) {
       return WatchEvents(invocation, output);
     case Invocation::Mode::Forget:
       return ForgetBoxes(invocation);
+    case Invocation::Mode::Web:
+      return ServeWeb(invocation, output);
     case Invocation::Mode::Help:
     case Invocation::Mode::Version:
       break;

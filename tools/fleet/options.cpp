@@ -28,9 +28,10 @@ const char kUsage[] =
     "       kendrivex-fleet [OPTIONS] run TARGET COMMAND [ARG...]\n"
     "       kendrivex-fleet [OPTIONS] watch\n"
     "       kendrivex-fleet [OPTIONS] forget ID...\n"
+    "       kendrivex-fleet [OPTIONS] web [--listen ADDR:PORT] [--web-password-file FILE]\n"
     "The operator's client of the boxes on an MQTT broker: lists them, runs a command\n"
-    "on all of them, some or one and gathers every answer, prints their events, and\n"
-    "forgets boxes that are gone for good.\n";
+    "on all of them, some or one and gathers every answer, prints their events,\n"
+    "forgets boxes that are gone for good, and serves a live page of them.\n";
 
 const char kExitStatus[] =
     "Exit status: 0 success; 1 run: a box answered, but not with success; forget: a\n"
@@ -44,6 +45,8 @@ enum OptionId : int {
   kJson,
   kCount,
   kBox,
+  kListen,
+  kWebPasswordFile,
   kConfig,
   kVerbose,
   kHelp,
@@ -65,6 +68,10 @@ constexpr core::Option kOptions[] = {
     {kJson,    'j', core::kCommandLineOnly, "json",  nullptr, "print one JSON object a line",                 nullptr},
     {kCount,   'n', core::kCommandLineOnly, "count", "N",     "watch: stop after N events",                    nullptr},
     {kBox,     0,   core::kRepeatable,      "box",   "ID",    "watch: only this box's events (repeatable)",    nullptr},
+    {kListen,  0,   core::kInConfigFile,    "listen", "ADDR:PORT",
+     "web: where to serve the page (default 127.0.0.1:8737; port 0: a free one)", nullptr},
+    {kWebPasswordFile, 0, core::kInConfigFile, "web-password-file", "FILE",
+     "web: the password browsers give (HTTP Basic), the first line of FILE", nullptr},
     Shared(SharedOption::Config, kConfig),
     Shared(SharedOption::Verbose, kVerbose),
     Shared(SharedOption::Help, kHelp),
@@ -85,6 +92,7 @@ const CommandWord kCommands[] = {
      "run a box command on all, one ID or ID,ID... and gather the replies"},
     {"watch", Invocation::Mode::Watch, "", "print the boxes' events as they come, until stopped"},
     {"forget", Invocation::Mode::Forget, "ID...", "clear the retained status and service of boxes gone for good"},
+    {"web", Invocation::Mode::Web, "", "serve the boxes' live page and its HTTP API until stopped"},
 };
 
 // Decimal digits only, from 1 to `max`.
@@ -140,7 +148,7 @@ class CommandLine final : public core::OptionHandler {
     }
     mInvocation.mode = command->mode;
     const std::vector<std::string> words(mArgv + at, mArgv + mArgc);
-    return ReadWords(*command, words) && CheckWatchOptions() && CheckConnection();
+    return ReadWords(*command, words) && CheckWatchOptions() && CheckWebOptions() && CheckConnection();
   }
 
  private:
@@ -169,6 +177,14 @@ class CommandLine final : public core::OptionHandler {
       case kBox:
         mInvocation.boxes.push_back(value);
         return ValidBoxId(value, why);
+      case kListen:
+        if (ListenAddress::Parse(value, mInvocation.listen)) return true;
+        why = "not ADDR:PORT, an IPv4 address or a bracketed IPv6 one and a port from 0 to 65535: \"" + Shown(value) +
+              "\"";
+        return false;
+      case kWebPasswordFile:
+        mWebPasswordFile = value;
+        return true;
       default:
         return true;
     }
@@ -205,6 +221,31 @@ class CommandLine final : public core::OptionHandler {
     return true;
   }
 
+  // web's options only with web; anything but loopback only with a
+  // password, which is read here.
+  bool CheckWebOptions() {
+    if (mInvocation.mode != Invocation::Mode::Web) {
+      for (const int id : {kListen, kWebPasswordFile}) {
+        const std::string typed = mLine.Typed(id);
+        if (!typed.empty()) return Usage(typed, "only with web");
+      }
+      return true;
+    }
+    if (mWebPasswordFile.empty()) {
+      if (mInvocation.listen.Loopback()) return true;
+      return Usage("--listen", "an address other than loopback needs --web-password-file: every request then gives it");
+    }
+    std::string password;
+    std::string why;
+    std::string warning;
+    if (!zel::mqtt::ReadPasswordFile(mWebPasswordFile, password, why, warning)) {
+      return Usage("--web-password-file", why);
+    }
+    if (!warning.empty()) mInvocation.warnings.push_back(warning);
+    mInvocation.webPassword = password;
+    return true;
+  }
+
   // The broker connection as a whole, its password file read.
   bool CheckConnection() {
     mInvocation.connection.clientId = "kendrivex-fleet-" + NewRunId();
@@ -225,6 +266,7 @@ class CommandLine final : public core::OptionHandler {
   core::CommandLine mLine;
   Invocation& mInvocation;
   core::Failure& mFailure;
+  std::string mWebPasswordFile;
 };
 
 std::vector<core::HelpRow> FleetCommandRows() {

@@ -7,9 +7,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "tools/fleet/http.h"
 #include "tools/fleet/run.h"
 #include "tools/mqtt/connection.h"
 #include "tools/service_client/failure.h"
@@ -17,7 +19,7 @@
 namespace zel::fleet {
 
 struct Invocation {
-  enum class Mode : uint8_t { Ls, Run, Watch, Forget, Help, Version };
+  enum class Mode : uint8_t { Ls, Run, Watch, Forget, Web, Help, Version };
 
   static constexpr uint32_t kDefaultTimeoutMs = 5000;
   static constexpr uint32_t kMaxTimeoutMs = 600000;
@@ -37,6 +39,10 @@ struct Invocation {
   std::vector<std::string> boxes;
   // forget: the boxes to forget.
   std::vector<std::string> forget;
+  // web: where to listen, and the password that browsers give (none: every
+  // request is served, which only loopback allows).
+  ListenAddress listen;
+  std::optional<std::string> webPassword;
   // What the settings allow but an operator should hear of (a password file
   // others may read, a password sent in the clear).
   std::vector<std::string> warnings;
