@@ -66,14 +66,17 @@ class FleetCompletionTest : public FleetTest {
 };
 
 TEST_F(FleetCompletionTest, CompletesEveryCommand) {
-  EXPECT_EQ(Complete(""), std::vector<std::string>({"forget", "ls", "run", "watch"}));
-  EXPECT_EQ(Complete("-t 100 -j w"), std::vector<std::string>({"watch"}));
+  EXPECT_EQ(Complete(""), std::vector<std::string>({"forget", "ls", "run", "watch", "web"}));
+  EXPECT_EQ(Complete("-t 100 -j w"), std::vector<std::string>({"watch", "web"}));
 }
 
 TEST_F(FleetCompletionTest, CompletesTheLongOptions) {
   EXPECT_EQ(Complete("--"), std::vector<std::string>({"--box", "--broker", "--cafile", "--capath", "--cert", "--config",
-                                                      "--count", "--help", "--json", "--key", "--password-file",
-                                                      "--prefix", "--timeout", "--username", "--verbose", "--version"}));
+                                                      "--count", "--help", "--json", "--key", "--listen",
+                                                      "--password-file", "--prefix", "--timeout", "--username",
+                                                      "--verbose", "--version", "--web-password-file"}));
+  // No word is offered for an address.
+  EXPECT_EQ(Complete("web --listen "), std::vector<std::string>());
   EXPECT_EQ(Complete("watch --c"), std::vector<std::string>({"--cafile", "--capath", "--cert", "--config", "--count"}));
 }
 
