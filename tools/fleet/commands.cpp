@@ -44,8 +44,8 @@ void Say(const std::string& text) {
 void ReportSkipped(const SkipCount& skipped, uint64_t refused) {
   if (skipped.Total() != 0) core::Warn(skipped.Text());
   if (refused != 0) {
-    core::Warn("more boxes than the " + Count(BoxDirectory::kMaxBoxes) + " that the fleet keeps: " +
-               Count(refused) + " left out");
+    core::Warn("more boxes than the " + Count(BoxDirectory::kMaxBoxes) + " that the fleet keeps: " + Count(refused) +
+               " left out");
   }
 }
 
@@ -60,7 +60,9 @@ int Unreachable(const Link& link, const std::string& why) {
 bool Connect(Link& link, const Invocation& invocation, int stopFd, Waited& waited) {
   std::string why;
   waited = Waited::Gone;
-  if (link.Start(why)) waited = Await(link, stopFd, [&link] { return link.Up(); }, Deadline(invocation), why);
+  if (link.Start(why))
+    waited = Await(
+        link, stopFd, [&link] { return link.Up(); }, Deadline(invocation), why);
   if (waited == Waited::Done) return true;
   if (waited == Waited::TimedOut) why = "no answer within " + Count(invocation.timeoutMs) + " ms";
   if (waited != Waited::Stopped) Unreachable(link, why);
@@ -73,9 +75,11 @@ bool ReadRetained(Link& link, const std::vector<std::string>& filters, const Inv
   std::optional<Link::Answer> subscribed;
   std::optional<Link::Answer> synced;
   std::string why;
-  if (link.Subscribe(filters, 0, [&subscribed](const Link::Answer& answer) { subscribed = answer; }, why) &&
+  if (link.Subscribe(
+          filters, 0, [&subscribed](const Link::Answer& answer) { subscribed = answer; }, why) &&
       link.Sync([&synced](const Link::Answer& answer) { synced = answer; }, why)) {
-    const Waited waited = Await(link, -1, [&synced] { return synced.has_value(); }, Deadline(invocation), why);
+    const Waited waited = Await(
+        link, -1, [&synced] { return synced.has_value(); }, Deadline(invocation), why);
     if (waited == Waited::TimedOut) {
       why = "the retained statuses did not all come within " + Count(invocation.timeoutMs) + " ms";
     } else if (waited == Waited::Done && subscribed && !subscribed->ok) {
@@ -129,7 +133,8 @@ class RunPrinter final : public Run::Observer {
       mOutput.Write(result.json + "\n");
     } else {
       if (!result.plain.empty()) mOutput.Write(result.plain);
-      if (result.status != BoxResult::kSuccess) core::Report(core::Fail(result.status, Escaped(result.box), result.why));
+      if (result.status != BoxResult::kSuccess)
+        core::Report(core::Fail(result.status, Escaped(result.box), result.why));
     }
     ++mAnswered;
     Draw();
@@ -144,8 +149,8 @@ class RunPrinter final : public Run::Observer {
  private:
   void Draw() {
     if (!mTerminal || mExpected == 0) return;
-    core::WriteAll(STDERR_FILENO, "\r" + std::string(core::ProgramName()) + ": " + ProgressText(mAnswered, mExpected) +
-                                      "\x1b[K");
+    core::WriteAll(STDERR_FILENO,
+                   "\r" + std::string(core::ProgramName()) + ": " + ProgressText(mAnswered, mExpected) + "\x1b[K");
     mDrawn = true;
   }
 
@@ -259,7 +264,8 @@ int WatchEvents(const Invocation& invocation, core::Output& output) {
   // The first connection within the time-out; once up, the link rides out a
   // broker that goes away.
   link.Start(why);
-  Waited waited = Await(link, signals.Fd(), [&link] { return link.Up(); }, Deadline(invocation), why);
+  Waited waited = Await(
+      link, signals.Fd(), [&link] { return link.Up(); }, Deadline(invocation), why);
   if (waited == Waited::Stopped) return core::kStatusOk;
   if (waited != Waited::Done) {
     return Unreachable(link, printer.LastWhy().empty() ? "no answer within " + Count(invocation.timeoutMs) + " ms"
@@ -269,7 +275,8 @@ int WatchEvents(const Invocation& invocation, core::Output& output) {
   for (const std::string& box : invocation.boxes) filters.push_back(topics.Events(box));
   if (filters.empty()) filters.push_back(topics.OfEveryBox("event/#"));
   std::optional<Link::Answer> subscribed;
-  if (!link.Subscribe(filters, 1, [&subscribed](const Link::Answer& answer) { subscribed = answer; }, why)) {
+  if (!link.Subscribe(
+          filters, 1, [&subscribed](const Link::Answer& answer) { subscribed = answer; }, why)) {
     return Unreachable(link, why);
   }
   const auto done = [&] {
@@ -327,7 +334,8 @@ int ForgetBoxes(const Invocation& invocation) {
     }
   }
   std::string why;
-  waited = Await(link, -1, [&waiting] { return waiting == 0; }, Deadline(invocation), why);
+  waited = Await(
+      link, -1, [&waiting] { return waiting == 0; }, Deadline(invocation), why);
   if (waited == Waited::TimedOut) why = "no acknowledgement within " + Count(invocation.timeoutMs) + " ms";
   if (waited != Waited::Done) return Unreachable(link, why);
   link.Close(kCloseTime);

@@ -80,11 +80,11 @@ struct CommandWord {
   const char* summary;
 };
 const CommandWord kCommands[] = {
-    {"ls", Invocation::Mode::Ls, "", "list the boxes: ID, online or offline, service up, down or -"},
-    {"run", Invocation::Mode::Run, "TARGET COMMAND [ARG...]",
-     "run a box command on all, one ID or ID,ID... and gather the replies"},
-    {"watch", Invocation::Mode::Watch, "", "print the boxes' events as they come, until stopped"},
-    {"forget", Invocation::Mode::Forget, "ID...", "clear the retained status and service of boxes gone for good"},
+    {"ls",     Invocation::Mode::Ls,     "",                        "list the boxes: ID, online or offline, service up, down or -"},
+    {"run",    Invocation::Mode::Run,    "TARGET COMMAND [ARG...]",
+     "run a box command on all, one ID or ID,ID... and gather the replies"                                                        },
+    {"watch",  Invocation::Mode::Watch,  "",                        "print the boxes' events as they come, until stopped"         },
+    {"forget", Invocation::Mode::Forget, "ID...",                   "clear the retained status and service of boxes gone for good"},
 };
 
 // Decimal digits only, from 1 to `max`.
@@ -136,7 +136,8 @@ class CommandLine final : public core::OptionHandler {
     mInvocation.json = mLine.Level(kJson) > 0;
     mInvocation.verbosity = mLine.Level(kVerbose);
     if (command == nullptr) {
-      return Usage(at < mArgc ? mArgv[at] : "command", at < mArgc ? "unknown command (try --help)" : "missing (try --help)");
+      return Usage(at < mArgc ? mArgv[at] : "command",
+                   at < mArgc ? "unknown command (try --help)" : "missing (try --help)");
     }
     mInvocation.mode = command->mode;
     const std::vector<std::string> words(mArgv + at, mArgv + mArgc);

@@ -71,9 +71,10 @@ TEST_F(FleetCompletionTest, CompletesEveryCommand) {
 }
 
 TEST_F(FleetCompletionTest, CompletesTheLongOptions) {
-  EXPECT_EQ(Complete("--"), std::vector<std::string>({"--box", "--broker", "--cafile", "--capath", "--cert", "--config",
-                                                      "--count", "--help", "--json", "--key", "--password-file",
-                                                      "--prefix", "--timeout", "--username", "--verbose", "--version"}));
+  EXPECT_EQ(Complete("--"),
+            std::vector<std::string>({"--box", "--broker", "--cafile", "--capath", "--cert", "--config", "--count",
+                                      "--help", "--json", "--key", "--password-file", "--prefix", "--timeout",
+                                      "--username", "--verbose", "--version"}));
   EXPECT_EQ(Complete("watch --c"), std::vector<std::string>({"--cafile", "--capath", "--cert", "--config", "--count"}));
 }
 
