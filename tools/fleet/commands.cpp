@@ -94,24 +94,35 @@ bool ReadRetained(Link& link, const std::vector<std::string>& filters, const Inv
   return false;
 }
 
+// What ls, run and forget share: the topics, the link and the box directory
+// it feeds.
+struct Connection {
+  explicit Connection(const Invocation& invocation)
+      : topics(invocation.prefix), link(invocation.connection, topics, Timeout(invocation)), directory(topics) {
+    link.AddReceiver(directory);
+  }
+
+  Topics topics;
+  Link link;
+  BoxDirectory directory;
+};
+
 int ListBoxes(const Invocation& invocation, core::Output& output) {
-  const Topics topics(invocation.prefix);
-  Link link(invocation.connection, topics, Timeout(invocation));
-  BoxDirectory directory(topics);
-  link.AddReceiver(directory);
+  Connection connection(invocation);
   Waited waited = Waited::Gone;
-  if (!Connect(link, invocation, -1, waited)) return core::kStatusUnreachable;
-  if (!ReadRetained(link, {topics.OfEveryBox("status"), topics.OfEveryBox("service")}, invocation)) {
+  if (!Connect(connection.link, invocation, -1, waited)) return core::kStatusUnreachable;
+  const Topics& topics = connection.topics;
+  if (!ReadRetained(connection.link, {topics.OfEveryBox("status"), topics.OfEveryBox("service")}, invocation)) {
     return core::kStatusUnreachable;
   }
-  link.Close(kCloseTime);
+  connection.link.Close(kCloseTime);
   std::string lines;
-  for (const auto& [id, box] : directory.Boxes()) {
+  for (const auto& [id, box] : connection.directory.Boxes()) {
     if (!box.hasStatus) continue;
     lines += invocation.json ? BoxDirectory::Json(id, box) + "\n" : BoxDirectory::Line(id, box);
   }
   output.Write(lines);
-  ReportSkipped(directory.Skipped(), directory.Refused());
+  ReportSkipped(connection.directory.Skipped(), connection.directory.Refused());
   return core::kStatusOk;
 }
 
@@ -169,16 +180,14 @@ class RunPrinter final : public Run::Observer {
 };
 
 int RunOnBoxes(const Invocation& invocation, core::Output& output) {
-  const Topics topics(invocation.prefix);
-  Link link(invocation.connection, topics, Timeout(invocation));
-  BoxDirectory directory(topics);
-  link.AddReceiver(directory);
+  Connection connection(invocation);
+  Link& link = connection.link;
   Waited waited = Waited::Gone;
   if (!Connect(link, invocation, -1, waited)) return core::kStatusUnreachable;
   RunPrinter printer(invocation, output);
-  Run run(link, topics, invocation.target, invocation.command, printer);
+  Run run(link, connection.topics, invocation.target, invocation.command, printer);
   std::string why;
-  waited = Execute(link, directory, run, Timeout(invocation), -1, why);
+  waited = Execute(link, connection.directory, run, Timeout(invocation), -1, why);
   printer.Finish();
   if (waited == Waited::TimedOut) {
     why = "the retained statuses did not all come within " + Count(invocation.timeoutMs) + " ms";
@@ -294,10 +303,10 @@ int WatchEvents(const Invocation& invocation, core::Output& output) {
 }
 
 int ForgetBoxes(const Invocation& invocation) {
-  const Topics topics(invocation.prefix);
-  Link link(invocation.connection, topics, Timeout(invocation));
-  BoxDirectory directory(topics);
-  link.AddReceiver(directory);
+  Connection connection(invocation);
+  const Topics& topics = connection.topics;
+  Link& link = connection.link;
+  const BoxDirectory& directory = connection.directory;
   Waited waited = Waited::Gone;
   if (!Connect(link, invocation, -1, waited)) return core::kStatusUnreachable;
   std::vector<std::string> filters;

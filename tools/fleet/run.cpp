@@ -14,7 +14,6 @@ namespace {
 
 namespace core = zel::service_client;
 
-const char kAllBoxes[] = "all";
 const char kReplyLeaf[] = "reply/";
 // MQTT 5's reason for a publication that no subscription matched.
 constexpr int kNoSubscribers = 0x10;

@@ -95,28 +95,26 @@ class FleetTlsTest : public FleetSecurityTest {
  protected:
   void StartTlsBroker(bool requireClientCertificate) {
     certificates = std::make_unique<TestCertificates>(dir);
-    tlsPort = MqttBroker::FreePort();
-    broker.AddConfig(certificates->ListenerConfig(tlsPort, requireClientCertificate));
+    tlsUrl = certificates->AddListener(broker, requireClientCertificate);
     StartBroker();
     StartBox("box1");
   }
-  std::string TlsUrl() const { return "mqtts://127.0.0.1:" + std::to_string(tlsPort); }
 
-  int tlsPort = 0;
+  std::string tlsUrl;
 };
 
 TEST_F(FleetTlsTest, BrokerVouchedForByTheGivenAuthorityIsUsed) {
   StartTlsBroker(false);
-  const Result result = Fleet({"--cafile", certificates->Ca(), "run", "all", "ping"}, TlsUrl());
+  const Result result = Fleet({"--cafile", certificates->Ca(), "run", "all", "ping"}, tlsUrl);
   EXPECT_EQ(result.out, "box1\tPONG\n");
   EXPECT_EQ(result.exitCode, 0) << result.err;
 }
 
 TEST_F(FleetTlsTest, BrokerThatTheSystemDoesNotVouchForIsRefused) {
   StartTlsBroker(false);
-  const Result result = Fleet({"ls"}, TlsUrl());
+  const Result result = Fleet({"ls"}, tlsUrl);
   EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err.rfind("kendrivex-fleet: " + TlsUrl() + ": ", 0), 0u) << result.err;
+  EXPECT_EQ(result.err.rfind("kendrivex-fleet: " + tlsUrl + ": ", 0), 0u) << result.err;
   EXPECT_NE(result.err.find("certificate verify failed"), std::string::npos) << result.err;
   EXPECT_EQ(result.exitCode, 3);
 }
@@ -125,7 +123,7 @@ TEST_F(FleetTlsTest, ClientCertificateIsGivenWhenTheBrokerAsks) {
   StartTlsBroker(true);
   const Result result = Fleet({"--cafile", certificates->Ca(), "--cert", certificates->Cert("client"), "--key",
                                certificates->Key("client"), "ls"},
-                              TlsUrl());
+                              tlsUrl);
   EXPECT_EQ(result.out, "box1\tonline\tup\n");
   EXPECT_EQ(result.exitCode, 0) << result.err;
 }
