@@ -12,6 +12,9 @@
 # - kendrivex-bridge: the MQTT bridge, its manual page, its systemd unit and
 #   its configuration file (a conffile), apart from the client's package so
 #   that the client does not need libmosquitto.
+# - kendrivex-fleet: the operator's client of the fleet, its manual page and
+#   bash completion, for the operator's machine, which needs neither the
+#   client nor the bridge.
 #
 # Each package is declared with kdx_debian_package (below), which gives it
 # what Debian's package checker (lintian) asks of every package: the
@@ -56,8 +59,10 @@ kdx_man_page(kendrivex-cli.1 1 Unspecified)
 kdx_man_page(kendrivex-ctl.1 1 Unspecified)
 kdx_man_page(kendrivex-sim.1 1 Unspecified)
 kdx_man_page(kendrivex_ipc.3 3 ipc_dev)
-# kendrivex-bridge's files are a component of their own, its own package.
+# kendrivex-bridge's and kendrivex-fleet's files are components of their own,
+# their own packages.
 kdx_man_page(kendrivex-bridge.8 8 bridge)
+kdx_man_page(kendrivex-fleet.1 1 fleet)
 
 # The Debian name of the target architecture, from the compiler's multiarch
 # triplet, so that a cross build is not labelled with the build machine's.
@@ -291,5 +296,22 @@ certificate verification.
 The systemd unit kendrivex-bridge.service is installed but not enabled: the
 bridge needs this box's service socket and broker first. Set them in
 /etc/kendrivex/bridge.conf, then run systemctl enable --now kendrivex-bridge.")
+
+# The fleet's client, for the operator's machine: like the bridge, it needs
+# libmosquitto 2.0; its web command serves HTTP with Debian's cpp-httplib
+# library (0.11, whose soname carries its version).
+kdx_debian_package(fleet kendrivex-fleet)
+set(CPACK_DEBIAN_FLEET_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_FLEET_PACKAGE_DEPENDS "${kdxRuntimeDepends}, libmosquitto1 (>= 2.0), libcpp-httplib0.11")
+set(CPACK_DEBIAN_FLEET_DESCRIPTION
+  "the operator's client of the boxes on the fleet's MQTT broker
+kendrivex-fleet lists the boxes that kendrivex-bridge puts on an MQTT broker
+(online or offline, service up or down), runs a command on all of them,
+some or one and gathers every answer (correlated, ending as soon as the last
+box has answered, exiting non-zero when some did not), prints their events
+as they come, and forgets boxes that are gone for good. Plain or JSON
+output; what the boxes send is checked and never reaches the terminal raw.
+kendrivex-fleet web serves a live page of the boxes and a small HTTP API to
+browsers, loopback only unless a password is set.")
 
 include(CPack)

@@ -5,7 +5,8 @@
 # - Storage: the armhf executables and the client library as the device
 #   stores them (stripped copies of the cross build, which is built for size:
 #   -Os, link-time optimised, unreferenced sections collected), in bytes;
-#   kendrivex-bridge without libmosquitto, which it links as a shared library.
+#   kendrivex-bridge and kendrivex-fleet without libmosquitto, which they
+#   link as a shared library.
 # - Memory and threads: the client runs on a pseudo-terminal (util-linux's
 #   `script`) against the simulator in a temporary directory; after a few
 #   commands its peak resident set (VmHWM), resident set (VmRSS) and thread
@@ -33,6 +34,7 @@ shipped=(
   "kendrivex-sim bin/kendrivex-sim"
   "kendrivex_ipc ipc/libkendrivex_ipc.so"
   "kendrivex-bridge bin/kendrivex-bridge"
+  "kendrivex-fleet bin/kendrivex-fleet"
 )
 
 targets=()

@@ -31,9 +31,11 @@ TestCertificates::TestCertificates(const TempDir& dir) : mDir(dir) {
   Make("client", "/CN=box1", "");
 }
 
-std::vector<std::string> TestCertificates::ListenerConfig(int port, bool requireClientCertificate) const {
-  return {"listener " + std::to_string(port) + " 127.0.0.1", "cafile " + Ca(), "certfile " + Cert("server"),
-          "keyfile " + Key("server"), requireClientCertificate ? "require_certificate true" : ""};
+std::string TestCertificates::AddListener(MqttBroker& broker, bool requireClientCertificate) const {
+  const std::string port = std::to_string(MqttBroker::FreePort());
+  broker.AddConfig({"listener " + port + " 127.0.0.1", "cafile " + Ca(), "certfile " + Cert("server"),
+                    "keyfile " + Key("server"), requireClientCertificate ? "require_certificate true" : ""});
+  return "mqtts://127.0.0.1:" + port;
 }
 
 void TestCertificates::Make(const std::string& name, const std::string& subject, const std::string& extensions) {

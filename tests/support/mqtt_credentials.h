@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/mqtt_broker.h"
 #include "tests/support/temp_dir.h"
 
 namespace zel::test {
@@ -30,10 +31,10 @@ class TestCertificates {
   std::string Ca() const { return mDir.File("ca.pem"); }
   std::string Cert(const std::string& name) const { return mDir.File(name + ".pem"); }
   std::string Key(const std::string& name) const { return mDir.File(name + ".key"); }
-  // The lines of a broker's configuration for a TLS listener on `port` with
-  // the broker's certificate, asking clients for theirs when
-  // `requireClientCertificate`.
-  std::vector<std::string> ListenerConfig(int port, bool requireClientCertificate) const;
+  // Gives `broker` (from its next start) a TLS listener on a free port of its
+  // own with the broker's certificate, asking clients for theirs when
+  // `requireClientCertificate`; the listener's URL, mqtts://127.0.0.1:PORT.
+  std::string AddListener(MqttBroker& broker, bool requireClientCertificate) const;
 
  private:
   void Make(const std::string& name, const std::string& subject, const std::string& extensions);

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "tools/service_client/options.h"
-#include "util/decimal_text.h"
 
 // Options come before the command; everything after a command that takes
 // arguments is its arguments, so that send's fields may begin with "-".
@@ -16,8 +15,6 @@
 namespace zel::ctl {
 namespace {
 
-using service_client::Fail;
-using service_client::kStatusUsage;
 using service_client::Shown;
 
 // The word that stands for "commands from standard input".
@@ -52,14 +49,6 @@ constexpr service_client::Option kOptions[] = {
     Shared(SharedOption::Version, kVersion),
 };
 // clang-format on
-
-// Decimal digits only, from 1 to `max`.
-bool ParseCount(const std::string& text, uint32_t max, uint32_t& value) {
-  uint64_t parsed = 0;
-  if (!zel::util::ParseDecimal(text, max, parsed) || parsed < 1) return false;
-  value = static_cast<uint32_t>(parsed);
-  return true;
-}
 
 bool TakesNoArguments(const std::string& word) {
   if (word == kBatchWord) return true;
@@ -118,13 +107,13 @@ class CommandLine final : public service_client::OptionHandler {
       case kDir:
         return TakeText(value, "the path is empty", settings.dir, why);
       case kTimeout:
-        if (ParseCount(value, service_client::Settings::kMaxTimeoutMs, settings.timeoutMs)) return true;
+        if (service_client::ParseCount(value, service_client::Settings::kMaxTimeoutMs, settings.timeoutMs)) return true;
         why = "not a whole number of milliseconds from 1 to 60000: \"" + Shown(value) + "\"";
         return false;
       case kExec:
         return TakeText(value, "the program's name is empty", mInvocation.execProgram, why);
       case kCount:
-        if (ParseCount(value, std::numeric_limits<uint32_t>::max(), mInvocation.count)) return true;
+        if (service_client::ParseCount(value, std::numeric_limits<uint32_t>::max(), mInvocation.count)) return true;
         why = "not a whole number from 1 to 4294967295: \"" + Shown(value) + "\"";
         return false;
       default:
@@ -148,16 +137,12 @@ class CommandLine final : public service_client::OptionHandler {
   }
 
   bool CheckWatchOptions() {
-    if (mInvocation.mode == Invocation::Mode::Watch) return true;
-    for (const int id : {kExec, kCount}) {
-      const std::string typed = mLine.Typed(id);
-      if (!typed.empty()) return Usage(typed, "only with watch");
-    }
-    return true;
+    return mInvocation.mode == Invocation::Mode::Watch ||
+           mLine.RefuseGiven({kExec, kCount}, "only with watch", mFailure);
   }
 
   bool Usage(const std::string& what, std::string why) {
-    mFailure = Fail(kStatusUsage, Shown(what), std::move(why));
+    mFailure = service_client::Usage(what, std::move(why));
     return false;
   }
 

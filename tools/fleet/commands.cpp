@@ -45,8 +45,8 @@ void Say(const std::string& text) {
 void ReportSkipped(const SkipCount& skipped, uint64_t refused) {
   if (skipped.Total() != 0) core::Warn(skipped.Text());
   if (refused != 0) {
-    core::Warn("more boxes than the " + Count(BoxDirectory::kMaxBoxes) + " that the fleet keeps: " +
-               Count(refused) + " left out");
+    core::Warn("more boxes than the " + Count(BoxDirectory::kMaxBoxes) + " that the fleet keeps: " + Count(refused) +
+               " left out");
   }
 }
 
@@ -61,7 +61,9 @@ int Unreachable(const Link& link, const std::string& why) {
 bool Connect(Link& link, const Invocation& invocation, int stopFd, Waited& waited) {
   std::string why;
   waited = Waited::Gone;
-  if (link.Start(why)) waited = Await(link, stopFd, [&link] { return link.Up(); }, Deadline(invocation), why);
+  if (link.Start(why))
+    waited = Await(
+        link, stopFd, [&link] { return link.Up(); }, Deadline(invocation), why);
   if (waited == Waited::Done) return true;
   if (waited == Waited::TimedOut) why = "no answer within " + Count(invocation.timeoutMs) + " ms";
   if (waited != Waited::Stopped) Unreachable(link, why);
@@ -74,9 +76,11 @@ bool ReadRetained(Link& link, const std::vector<std::string>& filters, const Inv
   std::optional<Link::Answer> subscribed;
   std::optional<Link::Answer> synced;
   std::string why;
-  if (link.Subscribe(filters, 0, [&subscribed](const Link::Answer& answer) { subscribed = answer; }, why) &&
+  if (link.Subscribe(
+          filters, 0, [&subscribed](const Link::Answer& answer) { subscribed = answer; }, why) &&
       link.Sync([&synced](const Link::Answer& answer) { synced = answer; }, why)) {
-    const Waited waited = Await(link, -1, [&synced] { return synced.has_value(); }, Deadline(invocation), why);
+    const Waited waited = Await(
+        link, -1, [&synced] { return synced.has_value(); }, Deadline(invocation), why);
     if (waited == Waited::TimedOut) {
       why = "the retained statuses did not all come within " + Count(invocation.timeoutMs) + " ms";
     } else if (waited == Waited::Done && subscribed && !subscribed->ok) {
@@ -91,24 +95,35 @@ bool ReadRetained(Link& link, const std::vector<std::string>& filters, const Inv
   return false;
 }
 
+// What ls, run and forget share: the topics, the link and the box directory
+// it feeds.
+struct Connection {
+  explicit Connection(const Invocation& invocation)
+      : topics(invocation.prefix), link(invocation.connection, topics, Timeout(invocation)), directory(topics) {
+    link.AddReceiver(directory);
+  }
+
+  Topics topics;
+  Link link;
+  BoxDirectory directory;
+};
+
 int ListBoxes(const Invocation& invocation, core::Output& output) {
-  const Topics topics(invocation.prefix);
-  Link link(invocation.connection, topics, Timeout(invocation));
-  BoxDirectory directory(topics);
-  link.AddReceiver(directory);
+  Connection connection(invocation);
   Waited waited = Waited::Gone;
-  if (!Connect(link, invocation, -1, waited)) return core::kStatusUnreachable;
-  if (!ReadRetained(link, {topics.OfEveryBox("status"), topics.OfEveryBox("service")}, invocation)) {
+  if (!Connect(connection.link, invocation, -1, waited)) return core::kStatusUnreachable;
+  const Topics& topics = connection.topics;
+  if (!ReadRetained(connection.link, {topics.OfEveryBox("status"), topics.OfEveryBox("service")}, invocation)) {
     return core::kStatusUnreachable;
   }
-  link.Close(kCloseTime);
+  connection.link.Close(kCloseTime);
   std::string lines;
-  for (const auto& [id, box] : directory.Boxes()) {
+  for (const auto& [id, box] : connection.directory.Boxes()) {
     if (!box.hasStatus) continue;
     lines += invocation.json ? BoxDirectory::Json(id, box) + "\n" : BoxDirectory::Line(id, box);
   }
   output.Write(lines);
-  ReportSkipped(directory.Skipped(), directory.Refused());
+  ReportSkipped(connection.directory.Skipped(), connection.directory.Refused());
   return core::kStatusOk;
 }
 
@@ -130,7 +145,8 @@ class RunPrinter final : public Run::Observer {
       mOutput.Write(result.json + "\n");
     } else {
       if (!result.plain.empty()) mOutput.Write(result.plain);
-      if (result.status != BoxResult::kSuccess) core::Report(core::Fail(result.status, Escaped(result.box), result.why));
+      if (result.status != BoxResult::kSuccess)
+        core::Report(core::Fail(result.status, Escaped(result.box), result.why));
     }
     ++mAnswered;
     Draw();
@@ -145,8 +161,8 @@ class RunPrinter final : public Run::Observer {
  private:
   void Draw() {
     if (!mTerminal || mExpected == 0) return;
-    core::WriteAll(STDERR_FILENO, "\r" + std::string(core::ProgramName()) + ": " + ProgressText(mAnswered, mExpected) +
-                                      "\x1b[K");
+    core::WriteAll(STDERR_FILENO,
+                   "\r" + std::string(core::ProgramName()) + ": " + ProgressText(mAnswered, mExpected) + "\x1b[K");
     mDrawn = true;
   }
 
@@ -165,16 +181,14 @@ class RunPrinter final : public Run::Observer {
 };
 
 int RunOnBoxes(const Invocation& invocation, core::Output& output) {
-  const Topics topics(invocation.prefix);
-  Link link(invocation.connection, topics, Timeout(invocation));
-  BoxDirectory directory(topics);
-  link.AddReceiver(directory);
+  Connection connection(invocation);
+  Link& link = connection.link;
   Waited waited = Waited::Gone;
   if (!Connect(link, invocation, -1, waited)) return core::kStatusUnreachable;
   RunPrinter printer(invocation, output);
-  Run run(link, topics, invocation.target, invocation.command, printer);
+  Run run(link, connection.topics, invocation.target, invocation.command, printer);
   std::string why;
-  waited = Execute(link, directory, run, Timeout(invocation), -1, why);
+  waited = Execute(link, connection.directory, run, Timeout(invocation), -1, why);
   printer.Finish();
   if (waited == Waited::TimedOut) {
     why = "the retained statuses did not all come within " + Count(invocation.timeoutMs) + " ms";
@@ -260,7 +274,8 @@ int WatchEvents(const Invocation& invocation, core::Output& output) {
   // The first connection within the time-out; once up, the link rides out a
   // broker that goes away.
   link.Start(why);
-  Waited waited = Await(link, signals.Fd(), [&link] { return link.Up(); }, Deadline(invocation), why);
+  Waited waited = Await(
+      link, signals.Fd(), [&link] { return link.Up(); }, Deadline(invocation), why);
   if (waited == Waited::Stopped) return core::kStatusOk;
   if (waited != Waited::Done) {
     return Unreachable(link, printer.LastWhy().empty() ? "no answer within " + Count(invocation.timeoutMs) + " ms"
@@ -270,7 +285,8 @@ int WatchEvents(const Invocation& invocation, core::Output& output) {
   for (const std::string& box : invocation.boxes) filters.push_back(topics.Events(box));
   if (filters.empty()) filters.push_back(topics.OfEveryBox("event/#"));
   std::optional<Link::Answer> subscribed;
-  if (!link.Subscribe(filters, 1, [&subscribed](const Link::Answer& answer) { subscribed = answer; }, why)) {
+  if (!link.Subscribe(
+          filters, 1, [&subscribed](const Link::Answer& answer) { subscribed = answer; }, why)) {
     return Unreachable(link, why);
   }
   const auto done = [&] {
@@ -288,10 +304,10 @@ int WatchEvents(const Invocation& invocation, core::Output& output) {
 }
 
 int ForgetBoxes(const Invocation& invocation) {
-  const Topics topics(invocation.prefix);
-  Link link(invocation.connection, topics, Timeout(invocation));
-  BoxDirectory directory(topics);
-  link.AddReceiver(directory);
+  Connection connection(invocation);
+  const Topics& topics = connection.topics;
+  Link& link = connection.link;
+  const BoxDirectory& directory = connection.directory;
   Waited waited = Waited::Gone;
   if (!Connect(link, invocation, -1, waited)) return core::kStatusUnreachable;
   std::vector<std::string> filters;
@@ -328,7 +344,8 @@ int ForgetBoxes(const Invocation& invocation) {
     }
   }
   std::string why;
-  waited = Await(link, -1, [&waiting] { return waiting == 0; }, Deadline(invocation), why);
+  waited = Await(
+      link, -1, [&waiting] { return waiting == 0; }, Deadline(invocation), why);
   if (waited == Waited::TimedOut) why = "no acknowledgement within " + Count(invocation.timeoutMs) + " ms";
   if (waited != Waited::Done) return Unreachable(link, why);
   link.Close(kCloseTime);

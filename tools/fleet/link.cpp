@@ -205,9 +205,9 @@ bool Link::Poll(int timeoutMs, std::vector<pollfd>& watched, std::string& why) {
   if (fd >= 0) fds.push_back(pollfd{fd, static_cast<short>(POLLIN | (mSession->WantWrite() ? POLLOUT : 0)), 0});
   const int ready =
       mCompletions.empty() && mState != State::Gone ? ::poll(fds.data(), fds.size(), WaitMs(timeoutMs)) : 0;
-  for (size_t i = 0; i < watched.size(); ++i) watched[i].revents = ready > 0 ? fds[i].revents : 0;
+  for (size_t i = 0; i < watched.size(); ++i) watched[i].revents = ready > 0 ? fds[i].revents : short{0};
   if (mSession) {
-    const short revents = fd >= 0 && ready > 0 ? fds.back().revents : 0;
+    const short revents = fd >= 0 && ready > 0 ? fds.back().revents : short{0};
     std::string stepWhy;
     const bool alive = mSession->Step((revents & (POLLIN | POLLERR | POLLHUP)) != 0, (revents & POLLOUT) != 0, stepWhy);
     // A callback's reason says more than the session's error after it (a

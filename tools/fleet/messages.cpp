@@ -19,7 +19,6 @@ namespace {
 // Keys stay in the order the box wrote them.
 using Json = nlohmann::ordered_json;
 
-const char kAllBoxes[] = "all";
 const char kHexDigits[] = "0123456789abcdef";
 // Nothing a box sends nests deeper below the object's own members (an
 // event's args are at the first level). A payload that does is refused

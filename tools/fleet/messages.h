@@ -19,6 +19,8 @@ namespace zel::fleet {
 
 // The largest payload read from a box; a larger one is skipped.
 constexpr size_t kMaxPayload = 65536;
+// The word that stands for every box: no box's ID.
+constexpr char kAllBoxes[] = "all";
 
 // The topics of one prefix. P stands for PREFIX/ID: P/status and P/service
 // (retained), P/event/N, P/cmd, and P/reply/RUN for the replies to the run

@@ -3,9 +3,9 @@
 #include <initializer_list>
 #include <limits>
 #include <utility>
+#include <vector>
 
 #include "tools/service_client/options.h"
-#include "util/decimal_text.h"
 
 // Options come before the command and may follow a command word (ls,
 // watch, forget, and run before its target); after run's target every word
@@ -87,21 +87,13 @@ struct CommandWord {
   const char* summary;
 };
 const CommandWord kCommands[] = {
-    {"ls", Invocation::Mode::Ls, "", "list the boxes: ID, online or offline, service up, down or -"},
-    {"run", Invocation::Mode::Run, "TARGET COMMAND [ARG...]",
-     "run a box command on all, one ID or ID,ID... and gather the replies"},
-    {"watch", Invocation::Mode::Watch, "", "print the boxes' events as they come, until stopped"},
-    {"forget", Invocation::Mode::Forget, "ID...", "clear the retained status and service of boxes gone for good"},
-    {"web", Invocation::Mode::Web, "", "serve the boxes' live page and its HTTP API until stopped"},
+    {"ls",     Invocation::Mode::Ls,     "",                        "list the boxes: ID, online or offline, service up, down or -"},
+    {"run",    Invocation::Mode::Run,    "TARGET COMMAND [ARG...]",
+     "run a box command on all, one ID or ID,ID... and gather the replies"                                                        },
+    {"watch",  Invocation::Mode::Watch,  "",                        "print the boxes' events as they come, until stopped"         },
+    {"forget", Invocation::Mode::Forget, "ID...",                   "clear the retained status and service of boxes gone for good"},
+    {"web",    Invocation::Mode::Web,    "",                        "serve the boxes' live page and its HTTP API until stopped"   },
 };
-
-// Decimal digits only, from 1 to `max`.
-bool ParseCount(const std::string& text, uint32_t max, uint32_t& value) {
-  uint64_t parsed = 0;
-  if (!zel::util::ParseDecimal(text, max, parsed) || parsed < 1) return false;
-  value = static_cast<uint32_t>(parsed);
-  return true;
-}
 
 bool ValidPrefix(const std::string& prefix, std::string& why) {
   if (prefix.empty() || prefix.find_first_of("+#") != std::string::npos) {
@@ -116,38 +108,41 @@ bool ValidPrefix(const std::string& prefix, std::string& why) {
 }
 
 // One reading of the command line.
-class CommandLine final : public core::OptionHandler {
+class Reading final : public core::OptionHandler {
  public:
-  CommandLine(int argc, char** argv, Invocation& invocation, core::Failure& failure)
-      : mArgc(argc), mArgv(argv), mLine(kOptions, argc, argv), mInvocation(invocation), mFailure(failure) {}
+  Reading(int argc, char** argv, Invocation& invocation, core::Failure& failure)
+      : mWords(argv, argv + argc), mLine(kOptions, argc, argv), mInvocation(invocation), mFailure(failure) {}
 
   bool Parse() {
     mInvocation = Invocation();
     int at = 1;
     if (!mLine.ReadOptions(at, mFailure)) return false;
-    const CommandWord* command = at < mArgc ? Find(mArgv[at]) : nullptr;
+    const CommandWord* command = at < Count() ? Find(mWords[at]) : nullptr;
     // Options may follow the command word; after run's target, every word
     // is the command's.
     if (command != nullptr) {
       ++at;
       if (!mLine.ReadOptions(at, mFailure)) return false;
     }
-    if (mLine.Level(kHelp) > 0) {
-      mInvocation.mode = Invocation::Mode::Help;
-      return true;
-    }
-    if (mLine.Level(kVersion) > 0) {
-      mInvocation.mode = Invocation::Mode::Version;
+    // --help and --version win over everything else but the command line's
+    // own errors.
+    for (const auto& [id, mode] : {
+             std::pair{kHelp,    Invocation::Mode::Help   },
+             {kVersion, Invocation::Mode::Version}
+    }) {
+      if (mLine.Level(id) == 0) continue;
+      mInvocation.mode = mode;
       return true;
     }
     if (!mLine.ReadConfigFiles(mFailure) || !mLine.Apply(*this, mFailure)) return false;
     mInvocation.json = mLine.Level(kJson) > 0;
     mInvocation.verbosity = mLine.Level(kVerbose);
     if (command == nullptr) {
-      return Usage(at < mArgc ? mArgv[at] : "command", at < mArgc ? "unknown command (try --help)" : "missing (try --help)");
+      return at < Count() ? Usage(mWords[at], "unknown command (try --help)")
+                          : Usage("command", "missing (try --help)");
     }
     mInvocation.mode = command->mode;
-    const std::vector<std::string> words(mArgv + at, mArgv + mArgc);
+    const std::vector<std::string> words(mWords.begin() + at, mWords.end());
     return ReadWords(*command, words) && CheckWatchOptions() && CheckWebOptions() && CheckConnection();
   }
 
@@ -167,11 +162,11 @@ class CommandLine final : public core::OptionHandler {
         mInvocation.prefix = value;
         return ValidPrefix(value, why);
       case kTimeout:
-        if (ParseCount(value, Invocation::kMaxTimeoutMs, mInvocation.timeoutMs)) return true;
+        if (core::ParseCount(value, Invocation::kMaxTimeoutMs, mInvocation.timeoutMs)) return true;
         why = "not a whole number of milliseconds from 1 to 600000: \"" + Shown(value) + "\"";
         return false;
       case kCount:
-        if (ParseCount(value, std::numeric_limits<uint32_t>::max(), mInvocation.count)) return true;
+        if (core::ParseCount(value, std::numeric_limits<uint32_t>::max(), mInvocation.count)) return true;
         why = "not a whole number from 1 to 4294967295: \"" + Shown(value) + "\"";
         return false;
       case kBox:
@@ -213,23 +208,15 @@ class CommandLine final : public core::OptionHandler {
   }
 
   bool CheckWatchOptions() {
-    if (mInvocation.mode == Invocation::Mode::Watch) return true;
-    for (const int id : {kCount, kBox}) {
-      const std::string typed = mLine.Typed(id);
-      if (!typed.empty()) return Usage(typed, "only with watch");
-    }
-    return true;
+    return mInvocation.mode == Invocation::Mode::Watch ||
+           mLine.RefuseGiven({kCount, kBox}, "only with watch", mFailure);
   }
 
   // web's options only with web; anything but loopback only with a
   // password, which is read here.
   bool CheckWebOptions() {
     if (mInvocation.mode != Invocation::Mode::Web) {
-      for (const int id : {kListen, kWebPasswordFile}) {
-        const std::string typed = mLine.Typed(id);
-        if (!typed.empty()) return Usage(typed, "only with web");
-      }
-      return true;
+      return mLine.RefuseGiven({kListen, kWebPasswordFile}, "only with web", mFailure);
     }
     if (mWebPasswordFile.empty()) {
       if (mInvocation.listen.Loopback()) return true;
@@ -257,12 +244,13 @@ class CommandLine final : public core::OptionHandler {
   }
 
   bool Usage(const std::string& what, std::string why) {
-    mFailure = Fail(kStatusUsage, Shown(what), std::move(why));
+    mFailure = core::Usage(what, std::move(why));
     return false;
   }
 
-  const int mArgc;
-  char** const mArgv;
+  int Count() const { return static_cast<int>(mWords.size()); }
+
+  const std::vector<std::string> mWords;  // the command line, the program's name first
   core::CommandLine mLine;
   Invocation& mInvocation;
   core::Failure& mFailure;
@@ -282,7 +270,7 @@ std::vector<core::HelpRow> FleetCommandRows() {
 }  // namespace
 
 bool ParseArguments(int argc, char** argv, Invocation& invocation, core::Failure& failure) {
-  return CommandLine(argc, argv, invocation, failure).Parse();
+  return Reading(argc, argv, invocation, failure).Parse();
 }
 
 std::string HelpText() {

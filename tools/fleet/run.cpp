@@ -14,7 +14,6 @@ namespace {
 
 namespace core = zel::service_client;
 
-const char kAllBoxes[] = "all";
 const char kReplyLeaf[] = "reply/";
 // MQTT 5's reason for a publication that no subscription matched.
 constexpr int kNoSubscribers = 0x10;
@@ -208,10 +207,10 @@ void Run::Unreachable(const std::string& box, const std::string& why) {
   result.status = BoxResult::kNoAnswer;
   result.why = why;
   result.json = JsonShown(object.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
-  Conclude(std::move(result));
+  Conclude(result);
 }
 
-void Run::Conclude(BoxResult result) {
+void Run::Conclude(const BoxResult& result) {
   const auto expected = mBoxes.find(result.box);
   if (expected == mBoxes.end() || expected->second.done) return;
   expected->second.done = true;

@@ -130,7 +130,7 @@ class Run final : public Link::Receiver {
   };
 
   void SendCommands();
-  void Conclude(BoxResult result);
+  void Conclude(const BoxResult& result);
   void Unreachable(const std::string& box, const std::string& why);
   // The result of a reply that passed its checks.
   BoxResult Read(const std::string& box, const Reply& reply) const;

@@ -75,6 +75,8 @@ Failure Fail(int status, std::string what, std::string why) {
   return failure;
 }
 
+Failure Usage(const std::string& what, std::string why) { return Fail(kStatusUsage, Shown(what), std::move(why)); }
+
 std::string ErrorText(int error) {
   char buffer[256];
   // The GNU form: the text is in the buffer or in a constant string.

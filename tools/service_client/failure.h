@@ -35,6 +35,8 @@ struct Failure {
 
 // Shorthand for building a failure in one expression.
 Failure Fail(int status, std::string what, std::string why);
+// A usage failure (status 2) about `what` as typed (shown through Shown).
+Failure Usage(const std::string& what, std::string why);
 
 // The C library's text for an errno value. Callable from any thread, which
 // strerror is not.

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <initializer_list>
 
 #include "util/decimal_text.h"
 
@@ -29,8 +30,6 @@ const char kUnknownOption[] = "unknown option (try --help)";
 // The spellings of a flag's value in a configuration file.
 const char* const kYes[] = {"yes", "true", "on", "1"};
 const char* const kNo[] = {"no", "false", "off", "0"};
-
-Failure Usage(const std::string& what, std::string why) { return Fail(kStatusUsage, Shown(what), std::move(why)); }
 
 // A word as typed, without any "=value" of a long option.
 std::string OptionWord(const char* word) {
@@ -270,6 +269,16 @@ unsigned CommandLine::Level(int id) const {
   return level;
 }
 
+bool CommandLine::RefuseGiven(std::initializer_list<int> ids, const std::string& why, Failure& failure) const {
+  for (const int id : ids) {
+    const std::string typed = Typed(id);
+    if (typed.empty()) continue;
+    failure = Usage(typed, why);
+    return false;
+  }
+  return true;
+}
+
 std::string CommandLine::Typed(int id) const {
   const Given* last = nullptr;
   for (const Given& given : mGiven) {
@@ -317,6 +326,13 @@ std::vector<HelpRow> OptionRows(OptionList options) {
     rows.push_back({left, row.summary});
   }
   return rows;
+}
+
+bool ParseCount(const std::string& text, uint32_t max, uint32_t& value) {
+  uint64_t parsed = 0;
+  if (!zel::util::ParseDecimal(text, max, parsed) || parsed < 1) return false;
+  value = static_cast<uint32_t>(parsed);
+  return true;
 }
 
 bool CheckServiceGiven(const std::string& servicePath, Failure& failure) {

@@ -16,6 +16,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -166,6 +167,10 @@ class CommandLine {
   // The option as the command line last gave it ("-n" or "--count"); empty
   // when it did not.
   std::string Typed(int id) const;
+  // False with a usage failure "<option as typed>: <why>" for the first of
+  // the options `ids` that the command line gave (one that only another
+  // command takes, say); true when it gave none of them.
+  bool RefuseGiven(std::initializer_list<int> ids, const std::string& why, Failure& failure) const;
 
  private:
   struct Given {
@@ -196,6 +201,10 @@ class CommandLine {
 // The table's rows as the help text shows them: "-s, --service PATH", or
 // "    --allow LIST" for an option without a short name.
 std::vector<HelpRow> OptionRows(OptionList options);
+
+// The value of an option that counts or waits: decimal digits only, from 1
+// to `max`; false for any other text.
+bool ParseCount(const std::string& text, uint32_t max, uint32_t& value);
 
 // The usage failure of a front end that needs the service and was given
 // none; false then.

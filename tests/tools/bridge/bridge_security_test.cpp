@@ -23,12 +23,11 @@ class BridgeSecurityTest : public BridgeTest {
   // A broker with a TLS listener on a port of its own besides the plain one.
   void StartTlsBroker(bool requireClientCertificate) {
     certificates = std::make_unique<TestCertificates>(dir);
-    tlsPort = MqttBroker::FreePort();
-    broker.AddConfig(certificates->ListenerConfig(tlsPort, requireClientCertificate));
+    tlsUrl = certificates->AddListener(broker, requireClientCertificate);
     StartBroker();
   }
 
-  std::string TlsUrl() const { return "mqtts://127.0.0.1:" + std::to_string(tlsPort); }
+  std::string TlsUrl() const { return tlsUrl; }
 
   std::string WriteFile(const std::string& name, const std::string& text) {
     std::string path = dir.File(name);
@@ -55,7 +54,7 @@ class BridgeSecurityTest : public BridgeTest {
   }
 
   std::unique_ptr<TestCertificates> certificates;
-  int tlsPort = 0;
+  std::string tlsUrl;
 };
 
 TEST_F(BridgeSecurityTest, TlsBrokerVouchedForByTheGivenAuthorityIsUsed) {

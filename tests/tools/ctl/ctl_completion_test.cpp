@@ -5,17 +5,15 @@
 
 #include <algorithm>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "kdx_test_paths.h"
+#include "tests/support/bash_completion.h"
 #include "tests/tools/ctl/ctl_test.h"
 
 namespace zel::ctl::test {
 namespace {
-
-const char kBashCompletion[] = "/usr/share/bash-completion/bash_completion";
 
 class CtlCompletionTest : public CtlTest {
  protected:
@@ -30,25 +28,8 @@ class CtlCompletionTest : public CtlTest {
   // The candidates for the end of `line` (whose first word is the program),
   // sorted.
   std::vector<std::string> Complete(const std::string& line) {
-    const std::string script = std::string("source ") + kBashCompletion + "\nsource " + KDX_CTL_COMPLETION +
-                               "\n"
-                               "COMP_LINE=\"$1\"; COMP_POINT=${#COMP_LINE}\n"
-                               "read -ra COMP_WORDS <<<\"$COMP_LINE\"\n"
-                               "[[ $COMP_LINE == *' ' ]] && COMP_WORDS+=('')\n"
-                               "COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
-                               "_kendrivex_ctl\n"
-                               "printf '%s\\n' \"${COMPREPLY[@]}\"\n";
-    PipeProcess::Options options;
-    options.hostTool = true;
-    const Result result = PipeProcess::Run({"/bin/bash", "-c", script, "bash", program + " " + line}, "", options);
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    std::vector<std::string> words;
-    std::istringstream in(result.out);
-    for (std::string word; std::getline(in, word);) {
-      if (!word.empty()) words.push_back(word);
-    }
-    std::sort(words.begin(), words.end());
-    return words;
+    return ::zel::test::CompletionsOf(KDX_CTL_COMPLETION, "_kendrivex_ctl", program + " " + line,
+                                      {"KENDRIVEX_BROKER="});
   }
 
   std::string program;

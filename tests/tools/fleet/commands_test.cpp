@@ -10,7 +10,8 @@ namespace zel::fleet {
 namespace {
 
 TEST(CommandTextsTest, SummaryCountsEachOutcome) {
-  EXPECT_EQ(SummaryText(3, 1, 1, 1), "3 boxes expected: 1 answered with success, 1 answered otherwise, 1 did not answer");
+  EXPECT_EQ(SummaryText(3, 1, 1, 1),
+            "3 boxes expected: 1 answered with success, 1 answered otherwise, 1 did not answer");
   EXPECT_EQ(SummaryText(1, 1, 0, 0), "1 box expected: 1 answered with success, 0 answered otherwise, 0 did not answer");
 }
 

@@ -5,19 +5,16 @@
 // test's own.
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "kdx_test_paths.h"
+#include "tests/support/bash_completion.h"
 #include "tests/tools/fleet/fleet_program_test.h"
 
 namespace zel::fleet::test {
 namespace {
-
-const char kBashCompletion[] = "/usr/share/bash-completion/bash_completion";
 
 class FleetCompletionTest : public FleetTest {
  protected:
@@ -40,26 +37,8 @@ class FleetCompletionTest : public FleetTest {
   // The candidates for the end of `line` (whose first word is the program),
   // sorted.
   std::vector<std::string> Complete(const std::string& line) {
-    const std::string script = std::string("source ") + kBashCompletion + "\nsource " + KDX_FLEET_COMPLETION +
-                               "\n"
-                               "COMP_LINE=\"$1\"; COMP_POINT=${#COMP_LINE}\n"
-                               "read -ra COMP_WORDS <<<\"$COMP_LINE\"\n"
-                               "[[ $COMP_LINE == *' ' ]] && COMP_WORDS+=('')\n"
-                               "COMP_CWORD=$((${#COMP_WORDS[@]} - 1))\n"
-                               "_kendrivex_fleet\n"
-                               "printf '%s\\n' \"${COMPREPLY[@]}\"\n";
-    PipeProcess::Options options;
-    options.hostTool = true;
-    options.env = {"KENDRIVEX_BROKER="};
-    const Result result = PipeProcess::Run({"/bin/bash", "-c", script, "bash", program + " " + line}, "", options);
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    std::vector<std::string> words;
-    std::istringstream in(result.out);
-    for (std::string word; std::getline(in, word);) {
-      if (!word.empty()) words.push_back(word);
-    }
-    std::sort(words.begin(), words.end());
-    return words;
+    return ::zel::test::CompletionsOf(KDX_FLEET_COMPLETION, "_kendrivex_fleet", program + " " + line,
+                                      {"KENDRIVEX_BROKER="});
   }
 
   std::string program;
@@ -71,10 +50,10 @@ TEST_F(FleetCompletionTest, CompletesEveryCommand) {
 }
 
 TEST_F(FleetCompletionTest, CompletesTheLongOptions) {
-  EXPECT_EQ(Complete("--"), std::vector<std::string>({"--box", "--broker", "--cafile", "--capath", "--cert", "--config",
-                                                      "--count", "--help", "--json", "--key", "--listen",
-                                                      "--password-file", "--prefix", "--timeout", "--username",
-                                                      "--verbose", "--version", "--web-password-file"}));
+  EXPECT_EQ(Complete("--"),
+            std::vector<std::string>({"--box", "--broker", "--cafile", "--capath", "--cert", "--config", "--count",
+                                      "--help", "--json", "--key", "--listen", "--password-file", "--prefix",
+                                      "--timeout", "--username", "--verbose", "--version", "--web-password-file"}));
   // No word is offered for an address.
   EXPECT_EQ(Complete("web --listen "), std::vector<std::string>());
   EXPECT_EQ(Complete("watch --c"), std::vector<std::string>({"--cafile", "--capath", "--cert", "--config", "--count"}));

@@ -57,8 +57,7 @@ TEST_F(FleetLsTest, EndsAsSoonAsEveryRetainedStatusIsIn) {
     ASSERT_TRUE(boxes.Publish("kdx/" + id + "/service", "up", 1, true));
     expected += id + "\tonline\tup\n";
   }
-  const Result result =
-      PipeProcess::Run(Command({"-t", "600000", "ls"}), "", Options(), std::chrono::seconds(20));
+  const Result result = PipeProcess::Run(Command({"-t", "600000", "ls"}), "", Options(), std::chrono::seconds(20));
   EXPECT_EQ(result.exitCode, 0) << result.err;
   EXPECT_EQ(result.out, expected);
 }

@@ -2,9 +2,6 @@
 // usage errors (each before the broker is asked, status 2), the broker from
 // the environment or a configuration file, and the checks of the connection
 // settings.
-#include <sys/stat.h>
-
-#include <fstream>
 #include <string>
 
 #include "tests/tools/fleet/fleet_program_test.h"
@@ -73,13 +70,6 @@ class FleetOptionTest : public FleetTest {
     EXPECT_EQ(result.exitCode, 2);
   }
 
-  std::string WriteFile(const std::string& name, const std::string& text) {
-    const std::string path = dir.File(name);
-    std::ofstream(path) << text;
-    ::chmod(path.c_str(), 0600);
-    return path;
-  }
-
   int away = MqttBroker::FreePort();
 };
 
@@ -126,7 +116,8 @@ TEST_F(FleetOptionTest, CountAndBoxAreForWatchOnly) {
 
 TEST_F(FleetOptionTest, ValuesOutOfRangeAreUsageErrors) {
   ExpectUsage({"-t", "0", "ls"}, "-t", "not a whole number of milliseconds from 1 to 600000: \"0\"");
-  ExpectUsage({"--timeout=600001", "ls"}, "--timeout", "not a whole number of milliseconds from 1 to 600000: \"600001\"");
+  ExpectUsage({"--timeout=600001", "ls"}, "--timeout",
+              "not a whole number of milliseconds from 1 to 600000: \"600001\"");
   ExpectUsage({"watch", "-n", "x"}, "-n", "not a whole number from 1 to 4294967295: \"x\"");
   ExpectUsage({"watch", "--box", "a/b"}, "--box", "a box's ID may not be empty or hold '/', '+' or '#'");
   ExpectUsage({"-p", "kdx/#", "ls"}, "-p", "may not be empty or hold '+' or '#': \"kdx/#\"");
@@ -156,7 +147,8 @@ TEST_F(FleetOptionTest, BrokerComesFromTheEnvironment) {
 TEST_F(FleetOptionTest, BrokerAndPrefixComeFromAConfigurationFileAndTheCommandLineWins) {
   StartBroker();
   Play("box1");
-  const std::string config = WriteFile("fleet.conf", "# the fleet\nbroker = " + broker.Url() + "\nprefix = other\ntimeout = 3000\n");
+  const std::string config =
+      WriteFile("fleet.conf", "# the fleet\nbroker = " + broker.Url() + "\nprefix = other\ntimeout = 3000\n");
   PipeProcess::Options options = Options();
   options.env.push_back("KENDRIVEX_BROKER=" + Away());
   Result result = FleetBare({"-c", config, "-p", kPrefix, "ls"}, options);

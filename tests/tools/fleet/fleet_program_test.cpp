@@ -3,6 +3,10 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
 #include "kdx_test_paths.h"
 #include "tests/support/launcher.h"
 #include "tests/support/syslog_file.h"
@@ -19,6 +23,14 @@ std::chrono::milliseconds StopLimit() {
 }
 
 }  // namespace
+
+std::vector<std::string> SortedLines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
 
 std::string ErrorLine(const std::string& what, const std::string& why) {
   return "kendrivex-fleet: " + what + ": " + why + "\n";
@@ -50,8 +62,8 @@ void FleetTest::StartBox(const std::string& id, const std::vector<std::string>& 
   options.env = {"KENDRIVEX_SERVICE=", "KENDRIVEX_DIR=", "KENDRIVEX_BROKER="};
   const std::vector<std::string> capture = ::zel::test::SyslogCaptureEnv(boxDir + "/syslog");
   options.env.insert(options.env.end(), capture.begin(), capture.end());
-  std::vector<std::string> argv = {KDX_BRIDGE_PATH, "-s", boxDir + "/svc", "-d", boxDir, "-b", at.Url(),
-                                   "-i",            id,   "-p",           kPrefix, "--health", "0"};
+  std::vector<std::string> argv = {
+      KDX_BRIDGE_PATH, "-s", boxDir + "/svc", "-d", boxDir, "-b", at.Url(), "-i", id, "-p", kPrefix, "--health", "0"};
   argv.insert(argv.end(), bridgeOptions.begin(), bridgeOptions.end());
   box.bridge = std::make_unique<PipeProcess>(argv, options);
   ASSERT_TRUE(WaitFor(id, "status", "online", &at)) << box.bridge->Err();
@@ -99,6 +111,13 @@ Result FleetTest::FleetBare(const std::vector<std::string>& args, PipeProcess::O
 
 std::unique_ptr<PipeProcess> FleetTest::StartFleet(const std::vector<std::string>& args) const {
   return std::make_unique<PipeProcess>(Command(args), Options());
+}
+
+std::string FleetTest::WriteFile(const std::string& name, const std::string& text, mode_t mode) const {
+  std::string path = dir.File(name);
+  std::ofstream(path) << text;
+  ::chmod(path.c_str(), mode);
+  return path;
 }
 
 PipeProcess::Options FleetTest::Options() const {

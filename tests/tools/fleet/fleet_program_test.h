@@ -6,6 +6,8 @@
 // fresh directory per test. One thread at a time.
 #pragma once
 
+#include <sys/types.h>
+
 #include <map>
 #include <memory>
 #include <string>
@@ -62,6 +64,9 @@ class FleetTest : public ::testing::Test {
   Result FleetBare(const std::vector<std::string>& args, PipeProcess::Options options) const;
   // Starts it.
   std::unique_ptr<PipeProcess> StartFleet(const std::vector<std::string>& args) const;
+  // Writes `text` to the file `name` of the test's directory with `mode`;
+  // its path.
+  std::string WriteFile(const std::string& name, const std::string& text, mode_t mode = 0600) const;
   // Options for it: its system log captured, no defaults from the
   // environment of the test run.
   PipeProcess::Options Options() const;
@@ -80,6 +85,10 @@ class FleetTest : public ::testing::Test {
   std::map<std::string, RealBox> mBoxes;
   std::vector<std::unique_ptr<PlayedBox>> mPlayed;
 };
+
+// The lines of `text` without their line ends, sorted: the replies of a run
+// come in the order the boxes send them.
+std::vector<std::string> SortedLines(const std::string& text);
 
 // Standard error as the program writes one failure line.
 std::string ErrorLine(const std::string& what, const std::string& why);

@@ -4,8 +4,6 @@
 // are offline or unknown, do not answer or are hostile; a reply of another
 // run; the progress line on a terminal; and the command checked before
 // anything is sent.
-#include <algorithm>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,15 +14,6 @@ namespace zel::fleet::test {
 namespace {
 
 std::string Summary(const std::string& text) { return "kendrivex-fleet: " + text + "\n"; }
-
-// The lines of `text`, sorted: replies come in the order the boxes send them.
-std::vector<std::string> SortedLines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  std::sort(lines.begin(), lines.end());
-  return lines;
-}
 
 class FleetRunTest : public FleetTest {
  protected:
@@ -64,9 +53,8 @@ TEST_F(FleetRunTest, CommandRefusedByTheBridgeIsAnAnswerOtherwiseAndExits1) {
   StartBox("box1");
   const Result result = Fleet({"run", "box1", "send", "2", "x"});
   EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err,
-            ErrorLine("box1", "send: not allowed from the broker") +
-                Summary("1 box expected: 0 answered with success, 1 answered otherwise, 0 did not answer"));
+  EXPECT_EQ(result.err, ErrorLine("box1", "send: not allowed from the broker") +
+                            Summary("1 box expected: 0 answered with success, 1 answered otherwise, 0 did not answer"));
   EXPECT_EQ(result.exitCode, 1);
 }
 
@@ -86,8 +74,9 @@ TEST_F(FleetRunTest, BoxWhoseServiceIsDownAnswersOtherwise) {
   ASSERT_TRUE(WaitFor("box2", "service", "down"));
   const Result result = Fleet({"run", "all", "ping"});
   EXPECT_EQ(result.out, "box1\tPONG\n");
-  EXPECT_EQ(result.err, ErrorLine("box2", dir.File("box2") + "/svc: No such file or directory") +
-                            Summary("2 boxes expected: 1 answered with success, 1 answered otherwise, 0 did not answer"));
+  EXPECT_EQ(result.err,
+            ErrorLine("box2", dir.File("box2") + "/svc: No such file or directory") +
+                Summary("2 boxes expected: 1 answered with success, 1 answered otherwise, 0 did not answer"));
   EXPECT_EQ(result.exitCode, 1);
 }
 
@@ -97,12 +86,12 @@ TEST_F(FleetRunTest, NamedBoxesOfflineOrUnknownAreReportedAtOnce) {
   StartBox("box1");
   StartBox("box2");
   StopBridge("box2");
-  const Result result =
-      PipeProcess::Run(Command({"-t", "600000", "run", "box2,box1,box9", "ping"}), "", Options(), std::chrono::seconds(20));
+  const Result result = PipeProcess::Run(Command({"-t", "600000", "run", "box2,box1,box9", "ping"}), "", Options(),
+                                         std::chrono::seconds(20));
   EXPECT_EQ(result.out, "box1\tPONG\n");
-  EXPECT_EQ(result.err, ErrorLine("box2", "the box is offline") +
-                            ErrorLine("box9", "the broker holds no status of this box") +
-                            Summary("3 boxes expected: 1 answered with success, 0 answered otherwise, 2 did not answer"));
+  EXPECT_EQ(result.err,
+            ErrorLine("box2", "the box is offline") + ErrorLine("box9", "the broker holds no status of this box") +
+                Summary("3 boxes expected: 1 answered with success, 0 answered otherwise, 2 did not answer"));
   EXPECT_EQ(result.exitCode, 3);
 }
 
@@ -111,8 +100,9 @@ TEST_F(FleetRunTest, BoxThatDoesNotAnswerIsReportedAtTheTimeOutAndExits3) {
   Play("box2");
   const Result result = Fleet({"-t", "500", "run", "all", "ping"});
   EXPECT_EQ(result.out, "box1\tPONG\n");
-  EXPECT_EQ(result.err, ErrorLine("box2", "no reply within 500 ms") +
-                            Summary("2 boxes expected: 1 answered with success, 0 answered otherwise, 1 did not answer"));
+  EXPECT_EQ(result.err,
+            ErrorLine("box2", "no reply within 500 ms") +
+                Summary("2 boxes expected: 1 answered with success, 0 answered otherwise, 1 did not answer"));
   EXPECT_EQ(result.exitCode, 3);
 }
 
@@ -138,8 +128,9 @@ TEST_F(FleetRunTest, NoBoxOnlineExits3) {
   Play("box1", "offline");
   const Result result = Fleet({"run", "all", "ping"});
   EXPECT_EQ(result.out, "");
-  EXPECT_EQ(result.err, ErrorLine("all", "no box is online") +
-                            Summary("0 boxes expected: 0 answered with success, 0 answered otherwise, 0 did not answer"));
+  EXPECT_EQ(result.err,
+            ErrorLine("all", "no box is online") +
+                Summary("0 boxes expected: 0 answered with success, 0 answered otherwise, 0 did not answer"));
   EXPECT_EQ(result.exitCode, 3);
 }
 
@@ -153,9 +144,8 @@ TEST_F(FleetRunTest, ReplyOfAnotherRunIsNeverCounted) {
   ASSERT_TRUE(box.Answer({Pong("box1")}));
   const Result result = fleet->Finish();
   EXPECT_EQ(result.out, "box1\tPONG\n");
-  EXPECT_EQ(result.err,
-            "kendrivex-fleet: warning: skipped 1 message from boxes: 1 not asked for by this run\n" +
-                Summary("1 box expected: 1 answered with success, 0 answered otherwise, 0 did not answer"));
+  EXPECT_EQ(result.err, "kendrivex-fleet: warning: skipped 1 message from boxes: 1 not asked for by this run\n" +
+                            Summary("1 box expected: 1 answered with success, 0 answered otherwise, 0 did not answer"));
   EXPECT_EQ(result.exitCode, 0);
 }
 
@@ -177,7 +167,8 @@ TEST_F(FleetRunTest, HostileRepliesAreSkippedCountedAndNeverReachTheTerminalRaw)
 TEST_F(FleetRunTest, HostileReplyInJsonIsEscapedThere) {
   PlayedBox& box = Play("box1");
   auto fleet = StartFleet({"-j", "run", "all", "ping"});
-  ASSERT_TRUE(box.Answer({"{\"command\":\"ping\",\"code\":1,\"args\":[\"\\u001b[2J\\u007f\xc2\x9b\"],\"box\":\"box1\"}"}));
+  ASSERT_TRUE(
+      box.Answer({"{\"command\":\"ping\",\"code\":1,\"args\":[\"\\u001b[2J\\u007f\xc2\x9b\"],\"box\":\"box1\"}"}));
   const Result result = fleet->Finish();
   EXPECT_EQ(result.out, "{\"command\":\"ping\",\"code\":1,\"args\":[\"\\u001b[2J\\u007f\\u009b\"],\"box\":\"box1\"}\n");
   EXPECT_EQ(result.exitCode, 0);
@@ -192,8 +183,9 @@ TEST_F(FleetRunTest, UnknownCommandIsAUsageErrorBeforeTheBrokerIsAsked) {
   EXPECT_EQ(result.err, ErrorLine("watch", "not a command that a box runs"));
   EXPECT_EQ(result.exitCode, 2);
   result = Fleet({"run", "all", "send", "2", "a b"}, away);
-  EXPECT_EQ(result.err,
-            ErrorLine("\"a b\"", "a word of the command cannot be empty or hold a blank, a tab or a control character"));
+  EXPECT_EQ(
+      result.err,
+      ErrorLine("\"a b\"", "a word of the command cannot be empty or hold a blank, a tab or a control character"));
   EXPECT_EQ(result.exitCode, 2);
 }
 

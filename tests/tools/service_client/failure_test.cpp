@@ -17,6 +17,12 @@ TEST(FailureTest, LineIsProgramWhatAndWhy) {
 
 TEST(FailureTest, DefaultIsNoFailure) { EXPECT_FALSE(Failure().Failed()); }
 
+TEST(FailureTest, UsageFailureShowsWhatWasTyped) {
+  const Failure failure = Usage("--box\x1b", "only with watch");
+  EXPECT_EQ(failure.status, kStatusUsage);
+  EXPECT_EQ(failure.Line("kdx"), "kdx: --box\\x1b: only with watch\n");
+}
+
 TEST(FailureTest, ErrorTextIsTheCLibrarysText) { EXPECT_EQ(ErrorText(ENOENT), "No such file or directory"); }
 
 TEST(ShownTest, PrintableTextIsShownAsItIs) { EXPECT_EQ(Shown("send_ping 2 [x]"), "send_ping 2 [x]"); }

@@ -402,5 +402,25 @@ TEST_F(OptionsTest, MissingServiceIsAUsageError) {
             "kdx-test: --service: no service socket given (use -s PATH or set KENDRIVEX_SERVICE)\n");
 }
 
+TEST_F(OptionsTest, OptionsOfAnotherCommandAreRefusedAsTyped) {
+  CommandLine& line = Line({"-j", "--box", "b1", "-n", "2"});
+  ASSERT_TRUE(line.ReadOnlyOptions(failure));
+  EXPECT_TRUE(line.RefuseGiven({kQueue}, "only with watch", failure));
+  EXPECT_FALSE(line.RefuseGiven({kQueue, kCount, kBox}, "only with watch", failure));
+  EXPECT_EQ(failure.Line("kdx-test"), "kdx-test: -n: only with watch\n");
+}
+
+TEST_F(OptionsTest, CountIsAWholeNumberFromOneToItsMaximum) {
+  uint32_t value = 0;
+  EXPECT_TRUE(ParseCount("600000", 600000, value));
+  EXPECT_EQ(value, 600000u);
+  EXPECT_TRUE(ParseCount("1", 5, value));
+  EXPECT_EQ(value, 1u);
+  for (const std::string text : {"0", "600001", "", "-1", "+1", "1.0", " 1", "99999999999999999999"}) {
+    EXPECT_FALSE(ParseCount(text, 600000, value)) << text;
+  }
+  EXPECT_EQ(value, 1u);
+}
+
 }  // namespace
 }  // namespace zel::service_client
