@@ -165,7 +165,7 @@ void RunTicket::Wait(int& status, std::string& body) {
   body = mBody;
 }
 
-Hub::Hub(Limits limits) : mLimits(limits), mWakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+Hub::Hub(const Limits& limits) : mLimits(limits), mWakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
 Hub::~Hub() {
   if (mWakeFd >= 0) ::close(mWakeFd);

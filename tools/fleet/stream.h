@@ -107,7 +107,7 @@ class Hub {
   // What SubmitRun made of a run.
   enum class Admitted : uint8_t { Yes, Busy, Stopped };
 
-  explicit Hub(Limits limits);
+  explicit Hub(const Limits& limits);
   ~Hub();
   Hub(const Hub&) = delete;
   Hub& operator=(const Hub&) = delete;

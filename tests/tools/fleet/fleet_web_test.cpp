@@ -545,6 +545,7 @@ TEST_F(FleetWebTest, RunsBeyondFourAtOnceAreRefused) {
   StartWeb();
   ASSERT_TRUE(WaitForBoxes(R"([{"box":"quiet","status":"online","service":null}])"));
   std::vector<std::future<WebAnswer>> running;
+  running.reserve(4);
   const WebClient client = Client();
   for (int i = 0; i < 4; ++i) {
     running.push_back(std::async(std::launch::async, [&client] {

@@ -171,6 +171,7 @@ TEST(HubTest, AStreamBeginsWithTheSnapshotThenGetsBatchesTicksAndLinkChanges) {
 TEST(HubTest, KeepsTheLatest500EventsForASnapshot) {
   Hub hub(Hub::Limits{});
   std::vector<std::string> events;
+  events.reserve(600);
   for (int i = 0; i < 600; ++i) events.push_back(std::to_string(i));
   hub.Publish({}, events);
   const std::shared_ptr<Hub::Stream> stream = hub.Open();
