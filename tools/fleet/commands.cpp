@@ -219,12 +219,7 @@ class EventPrinter final : public Link::Receiver, public Link::Watcher {
     std::string_view leaf;
     if (!mTopics.Split(message.topic, box, leaf) || leaf.compare(0, sizeof kEventLeaf - 1, kEventLeaf) != 0) return;
     Event event;
-    Skip reason = Skip::Malformed;
-    std::string why;
-    if (!ValidBoxId(box, why) || !ParseEvent(box, message.payload, event, reason)) {
-      mSkipped.Add(reason);
-      return;
-    }
+    if (!ReadBoxEvent(box, message.payload, event, mSkipped)) return;
     mOutput.Write(mJson ? event.json + "\n" : EventLine(event));
     ++mPrinted;
   }

@@ -254,6 +254,14 @@ bool ParseEvent(const std::string& box, std::string_view payload, Event& event, 
   return true;
 }
 
+bool ReadBoxEvent(const std::string& box, std::string_view payload, Event& event, SkipCount& skipped) {
+  Skip reason = Skip::Malformed;
+  std::string why;
+  if (ValidBoxId(box, why) && ParseEvent(box, payload, event, reason)) return true;
+  skipped.Add(reason);
+  return false;
+}
+
 bool ParseReply(const std::string& box, std::string_view payload, Reply& reply, Skip& reason) {
   Json object;
   if (!ParseObject(payload, object, reason) || !SameBox(object, box, true, reason)) return false;

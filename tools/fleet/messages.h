@@ -102,6 +102,9 @@ struct Event {
   std::string json;  // the object re-serialised, with "box" added when it had none
 };
 bool ParseEvent(const std::string& box, std::string_view payload, Event& event, Skip& reason);
+// The same for an event that came on box `box`'s topic, whose ID is checked
+// first; what fails is counted in `skipped`.
+bool ReadBoxEvent(const std::string& box, std::string_view payload, Event& event, SkipCount& skipped);
 
 // A reply as the bridge publishes it: the service's answer,
 // {"command":WORD,"code":N,"args":[...],"box":ID}, or the bridge's error

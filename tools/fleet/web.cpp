@@ -234,12 +234,7 @@ class WebFleet final : public Link::Receiver, public Link::Watcher {
  private:
   void TakeEvent(const std::string& box, const zel::mqtt::Message& message) {
     Event event;
-    Skip reason = Skip::Malformed;
-    std::string why;
-    if (!ValidBoxId(box, why) || !ParseEvent(box, message.payload, event, reason)) {
-      mSkipped.Add(reason);
-      return;
-    }
+    if (!ReadBoxEvent(box, message.payload, event, mSkipped)) return;
     if (event.time.size() > kMaxEventTime) {
       mSkipped.Add(Skip::Malformed);
       return;
