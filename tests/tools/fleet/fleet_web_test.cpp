@@ -93,6 +93,14 @@ class FleetWebTest : public FleetTest {
                                   milliseconds(20));
   }
 
+  // Waits until the stream says that the program is linked to the broker:
+  // a run asked for before is refused (503).
+  bool WaitForBroker() const {
+    const EventReader reader(port);
+    return reader.WaitFor(
+               [](const StreamMessage& message) { return message.data.rfind(R"({"broker":"up")", 0) == 0; }) >= 0;
+  }
+
   std::unique_ptr<PipeProcess> web;
   int port = 0;
 };
@@ -425,6 +433,7 @@ TEST_F(FleetWebTest, RunOnAllAnswersWithEveryReplyOnceTheRunHasEnded) {
   StartBox("box1");
   StartBox("box2");
   StartWeb();
+  ASSERT_TRUE(WaitForBroker());
   const WebAnswer answer = Client().Post("/api/run", PingBody(R"("all")", 5000), "application/json");
   EXPECT_EQ(answer.status, 200) << answer.body;
   EXPECT_EQ(answer.Header("content-type"), "application/json");
@@ -453,6 +462,7 @@ TEST_F(FleetWebTest, TheTargetMayBeOneIdOrIdsSeparatedByCommas) {
   StartBox("box1");
   StartBox("box2");
   StartWeb();
+  ASSERT_TRUE(WaitForBroker());
   const WebAnswer one = Client().Post("/api/run", PingBody(R"("box2")", 5000), "application/json");
   EXPECT_EQ(one.body, "[" + Pong("box2") + "]");
   const WebAnswer mac = Client().Post("/api/run", R"({"target":"box1,box1","command":"mac"})", "application/json");
@@ -519,6 +529,7 @@ TEST_F(FleetWebTest, ACrossOriginRunIsRefusedAndNothingIsSent) {
 TEST_F(FleetWebTest, ARunNeedsAJsonBody) {
   StartBroker();
   StartWeb();
+  ASSERT_TRUE(WaitForBroker());
   for (const std::string type : {"text/plain", "application/x-www-form-urlencoded", "application/jsonx"}) {
     const WebAnswer answer = Client().Post("/api/run", PingBody(R"("all")", 100), type);
     EXPECT_EQ(answer.status, 415) << type;
@@ -531,6 +542,7 @@ TEST_F(FleetWebTest, ARunNeedsAJsonBody) {
 TEST_F(FleetWebTest, ABodyOver16KbIsRefusedUnread) {
   StartBroker();
   StartWeb();
+  ASSERT_TRUE(WaitForBroker());
   const std::string body = PingBody(R"("all")", 100);
   const WebAnswer fits = Client().Post("/api/run", body + std::string(16384 - body.size(), ' '), "application/json");
   EXPECT_EQ(fits.status, 200) << fits.body;
