@@ -54,5 +54,16 @@ mkdir -p "$sysroot"
 for deb in "$download"/*.deb; do
   dpkg -x "$deb" "$sysroot"
 done
+# zlib1g still installs into /lib: its library goes where the others are, as
+# on a system whose /lib is /usr/lib, and the development link that points to
+# it by an absolute path points to it there.
+if [ -d "$sysroot/lib" ]; then
+  cp -a "$sysroot/lib/." "$sysroot/usr/lib/"
+  rm -rf "$sysroot/lib"
+fi
+for link in "$sysroot"/usr/lib/arm-linux-gnueabihf/*.so; do
+  target=$(readlink "$link" || true)
+  if [[ $target == /lib/* ]]; then ln -sf "$(basename "$target")" "$link"; fi
+done
 echo "${packages[*]}" >"$stamp"
 echo "armhf_sysroot: unpacked ${packages[*]} into $sysroot"

@@ -116,13 +116,13 @@ class StalledReader {
   StalledReader& operator=(const StalledReader&) = delete;
 
   bool Connected() const { return mFd >= 0; }
-  // Whether the server has closed the connection (it reads what is there,
-  // without waiting).
-  bool Closed();
+  // Whether the server has closed the connection (looked at without
+  // reading).
+  bool Closed() const;
 
  private:
+  int mPort;
   int mFd = -1;
-  bool mClosed = false;
 };
 
 }  // namespace zel::fleet::test
