@@ -211,9 +211,14 @@ int RunOnBoxes(const Invocation& invocation, core::Output& output) {
 class EventPrinter final : public Link::Receiver, public Link::Watcher {
  public:
   EventPrinter(const Invocation& invocation, const Topics& topics, core::Output& output, const std::string& url)
-      : mJson(invocation.json), mTopics(topics), mOutput(output), mUrl(url) {}
+      : mJson(invocation.json), mCount(invocation.count), mTopics(topics), mOutput(output), mUrl(url) {}
+
+  // Whether --count events have been printed: the rest of what one read
+  // of the connection brought is left out.
+  bool Done() const { return mCount != 0 && mPrinted >= mCount; }
 
   void OnMessage(const zel::mqtt::Message& message) override {
+    if (Done()) return;
     std::string box;
     std::string_view leaf;
     if (!mTopics.Split(message.topic, box, leaf) || leaf.compare(0, sizeof kEventLeaf - 1, kEventLeaf) != 0) return;
@@ -242,12 +247,12 @@ class EventPrinter final : public Link::Receiver, public Link::Watcher {
               mUrl.c_str(), why.c_str(), seconds.c_str());
   }
 
-  uint64_t Printed() const { return mPrinted; }
   const SkipCount& Skipped() const { return mSkipped; }
   const std::string& LastWhy() const { return mLastWhy; }
 
  private:
   const bool mJson;
+  const uint32_t mCount;  // 0: no end
   const Topics& mTopics;
   core::Output& mOutput;
   const std::string mUrl;
@@ -288,10 +293,7 @@ int WatchEvents(const Invocation& invocation, core::Output& output) {
           filters, 1, [&subscribed](const Link::Answer& answer) { subscribed = answer; }, why)) {
     return Unreachable(link, why);
   }
-  const auto done = [&] {
-    return (subscribed && !subscribed->ok) || output.Broken() ||
-           (invocation.count != 0 && printer.Printed() >= invocation.count);
-  };
+  const auto done = [&] { return (subscribed && !subscribed->ok) || output.Broken() || printer.Done(); };
   while (!done()) {
     waited = Await(link, signals.Fd(), done, Link::Clock::time_point::max(), why);
     if (waited == Waited::Stopped) break;
