@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -319,10 +320,13 @@ int ForgetBoxes(const Invocation& invocation) {
   if (!ReadRetained(link, filters, invocation)) return core::kStatusUnreachable;
   int status = core::kStatusOk;
   size_t waiting = 0;
-  const auto cleared = [&status, &waiting](const std::string& id) {
-    return [&status, &waiting, id](const Link::Answer& answer) {
+  // A box whose status and service the broker both refuses to clear is said
+  // once.
+  std::set<std::string> refused;
+  const auto cleared = [&status, &waiting, &refused](const std::string& id) {
+    return [&status, &waiting, &refused, id](const Link::Answer& answer) {
       --waiting;
-      if (answer.ok) return;
+      if (answer.ok || !refused.insert(id).second) return;
       core::Report(core::Fail(core::kStatusUnreachable, Escaped(id), "cannot clear it: " + answer.why));
       status = core::kStatusUnreachable;
     };
