@@ -304,7 +304,7 @@ kdx_debian_package(fleet kendrivex-fleet)
 set(CPACK_DEBIAN_FLEET_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_FLEET_PACKAGE_DEPENDS "${kdxRuntimeDepends}, libmosquitto1 (>= 2.0), libcpp-httplib0.11")
 set(CPACK_DEBIAN_FLEET_DESCRIPTION
-  "the operator's client of the boxes on the fleet's MQTT broker
+  "operator's client of the boxes on the fleet's MQTT broker
 kendrivex-fleet lists the boxes that kendrivex-bridge puts on an MQTT broker
 (online or offline, service up or down), runs a command on all of them,
 some or one and gathers every answer (correlated, ending as soon as the last

@@ -1,7 +1,7 @@
 #!/bin/sh
 # The launcher (KDX_TEST_LAUNCHER) of scripts/memcheck.sh: the end-to-end
-# tests put it before every program they start. The client and
-# kendrivex-bridge run under valgrind memcheck, whose report goes to a file
+# tests put it before every program they start. The client, kendrivex-bridge
+# and kendrivex-fleet run under valgrind memcheck, whose report goes to a file
 # of its own in $KDX_MEMCHECK_LOGS (never to the terminal the tests compare)
 # and which keeps the program's process id, signals and exit status; every
 # other program (the simulator, the test executable itself for a death test)
@@ -22,7 +22,7 @@ if [ -n "${QEMU_SET_ENV:-}" ]; then
 fi
 
 case "$(basename "$1")" in
-  kendrivex-cli|kendrivex-bridge)
+  kendrivex-cli|kendrivex-bridge|kendrivex-fleet)
     exec valgrind --tool=memcheck --leak-check=full --show-leak-kinds=definite,indirect \
       --errors-for-leak-kinds=definite,indirect --child-silent-after-fork=yes \
       --log-file="$KDX_MEMCHECK_LOGS/memcheck.%p.log" "$@"

@@ -2,16 +2,19 @@
 # Runs the end-to-end session tests of the release build (tests/app: the real
 # client on a pseudo-terminal; all of app_test, but not the event flood, whose
 # speed goals valgrind's slowdown would fail) with the client under valgrind
-# memcheck, and the end-to-end tests of kendrivex-bridge (tests/tools/bridge,
-# against a broker of each test's own) with the bridge under it, and fails
-# unless the tests pass and every run of either program reports no error and
-# no byte definitely or indirectly lost. Uses the build that scripts/test.sh
-# made; builds nothing. Usage: scripts/memcheck.sh
+# memcheck, the end-to-end tests of kendrivex-bridge (tests/tools/bridge,
+# against a broker of each test's own) with the bridge under it, and those of
+# kendrivex-fleet (tests/tools/fleet, against brokers, bridges and
+# simulators of each test's own) with the fleet's client and the bridges
+# under it, and fails unless the tests pass and every run of these programs
+# reports no error and no byte definitely or indirectly lost. Uses the build
+# that scripts/test.sh made; builds nothing. Usage: scripts/memcheck.sh
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 build=build/release
-if [ ! -x "$build/tests/app/app_test" ] || [ ! -x "$build/tests/tools/bridge/bridge_test" ]; then
+if [ ! -x "$build/tests/app/app_test" ] || [ ! -x "$build/tests/tools/bridge/bridge_test" ] ||
+  [ ! -x "$build/tests/tools/fleet/fleet_test" ]; then
   echo "memcheck: no release build with its tests; run scripts/test.sh first" >&2
   exit 1
 fi
@@ -21,6 +24,8 @@ client_tests+='|LongLineTest|PidFilesTest|PipedOutputTest|ServiceFaultTest|Servi
 client_tests+='|SignalTest|StartupTest'
 bridge_tests='BridgeOptionTest|BridgeCommandTest|BridgeEventTest|BridgeFaultTest|BridgeSecurityTest|BridgeRandomTest'
 bridge_tests+='|BridgeUnitFileTest'
+fleet_tests='FleetOptionTest|FleetLsTest|FleetRunTest|FleetWatchTest|FleetWatchHostileTest|Signals/FleetWatchStopTest'
+fleet_tests+='|FleetForgetTest|FleetSecurityTest|FleetTlsTest|FleetFederationTest'
 
 logs="$PWD/$build/memcheck"
 rm -rf "$logs"
@@ -30,7 +35,7 @@ export KDX_TEST_LAUNCHER="$PWD/scripts/memcheck-launcher.sh"
 ulimit -c 0
 
 start=$(date +%s)
-ctest --test-dir "$build" -R "^(Inputs/)?($client_tests|$bridge_tests)\." -j 4 --output-on-failure
+ctest --test-dir "$build" -R "^(Inputs/)?($client_tests|$bridge_tests|$fleet_tests)\." -j 4 --output-on-failure
 echo "memcheck tests took $(( $(date +%s) - start )) s"
 
 # Every run leaves one report. A run that ended (exit, quit, a usage error,

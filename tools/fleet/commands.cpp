@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -212,9 +213,14 @@ int RunOnBoxes(const Invocation& invocation, core::Output& output) {
 class EventPrinter final : public Link::Receiver, public Link::Watcher {
  public:
   EventPrinter(const Invocation& invocation, const Topics& topics, core::Output& output, const std::string& url)
-      : mJson(invocation.json), mTopics(topics), mOutput(output), mUrl(url) {}
+      : mJson(invocation.json), mCount(invocation.count), mTopics(topics), mOutput(output), mUrl(url) {}
+
+  // Whether --count events have been printed: the rest of what one read
+  // of the connection brought is left out.
+  bool Done() const { return mCount != 0 && mPrinted >= mCount; }
 
   void OnMessage(const zel::mqtt::Message& message) override {
+    if (Done()) return;
     std::string box;
     std::string_view leaf;
     if (!mTopics.Split(message.topic, box, leaf) || leaf.compare(0, sizeof kEventLeaf - 1, kEventLeaf) != 0) return;
@@ -238,12 +244,12 @@ class EventPrinter final : public Link::Receiver, public Link::Watcher {
               mUrl.c_str(), why.c_str(), seconds.c_str());
   }
 
-  uint64_t Printed() const { return mPrinted; }
   const SkipCount& Skipped() const { return mSkipped; }
   const std::string& LastWhy() const { return mLastWhy; }
 
  private:
   const bool mJson;
+  const uint32_t mCount;  // 0: no end
   const Topics& mTopics;
   core::Output& mOutput;
   const std::string mUrl;
@@ -284,10 +290,7 @@ int WatchEvents(const Invocation& invocation, core::Output& output) {
           filters, 1, [&subscribed](const Link::Answer& answer) { subscribed = answer; }, why)) {
     return Unreachable(link, why);
   }
-  const auto done = [&] {
-    return (subscribed && !subscribed->ok) || output.Broken() ||
-           (invocation.count != 0 && printer.Printed() >= invocation.count);
-  };
+  const auto done = [&] { return (subscribed && !subscribed->ok) || output.Broken() || printer.Done(); };
   while (!done()) {
     waited = Await(link, signals.Fd(), done, Link::Clock::time_point::max(), why);
     if (waited == Waited::Stopped) break;
@@ -313,10 +316,13 @@ int ForgetBoxes(const Invocation& invocation) {
   if (!ReadRetained(link, filters, invocation)) return core::kStatusUnreachable;
   int status = core::kStatusOk;
   size_t waiting = 0;
-  const auto cleared = [&status, &waiting](const std::string& id) {
-    return [&status, &waiting, id](const Link::Answer& answer) {
+  // A box whose status and service the broker both refuses to clear is said
+  // once.
+  std::set<std::string> refused;
+  const auto cleared = [&status, &waiting, &refused](const std::string& id) {
+    return [&status, &waiting, &refused, id](const Link::Answer& answer) {
       --waiting;
-      if (answer.ok) return;
+      if (answer.ok || !refused.insert(id).second) return;
       core::Report(core::Fail(core::kStatusUnreachable, Escaped(id), "cannot clear it: " + answer.why));
       status = core::kStatusUnreachable;
     };

@@ -98,10 +98,11 @@ TEST_F(FleetRunTest, NamedBoxesOfflineOrUnknownAreReportedAtOnce) {
 TEST_F(FleetRunTest, BoxThatDoesNotAnswerIsReportedAtTheTimeOutAndExits3) {
   StartBox("box1");
   Play("box2");
-  const Result result = Fleet({"-t", "500", "run", "all", "ping"});
+  // Long enough for the real box's reply behind an emulator or valgrind.
+  const Result result = Fleet({"-t", "2000", "run", "all", "ping"});
   EXPECT_EQ(result.out, "box1\tPONG\n");
   EXPECT_EQ(result.err,
-            ErrorLine("box2", "no reply within 500 ms") +
+            ErrorLine("box2", "no reply within 2000 ms") +
                 Summary("2 boxes expected: 1 answered with success, 0 answered otherwise, 1 did not answer"));
   EXPECT_EQ(result.exitCode, 3);
 }
@@ -207,7 +208,7 @@ TEST_F(FleetRunTest, ProgressLineIsKeptInPlaceWhileStandardErrorIsATerminal) {
   options.input = ::zel::test::PtyProcess::Input::File;
   options.inputPath = "/dev/null";
   options.env = {"KENDRIVEX_BROKER="};
-  ::zel::test::PtyProcess fleet(Command({"-t", "500", "run", "box2,box1", "ping"}), options);
+  ::zel::test::PtyProcess fleet(Command({"-t", "2000", "run", "box2,box1", "ping"}), options);
   const std::optional<int> status = fleet.WaitForExit();
   ASSERT_TRUE(status.has_value());
   EXPECT_EQ(::zel::test::PtyProcess::ExitCode(*status), 3);
@@ -215,7 +216,7 @@ TEST_F(FleetRunTest, ProgressLineIsKeptInPlaceWhileStandardErrorIsATerminal) {
   EXPECT_EQ(fleet.Output(),
             "\rkendrivex-fleet: 0 of 2 boxes answered\x1b[K"
             "\r\x1b[K\rkendrivex-fleet: 1 of 2 boxes answered\x1b[K"
-            "\r\x1b[Kkendrivex-fleet: box2: no reply within 500 ms\r\n"
+            "\r\x1b[Kkendrivex-fleet: box2: no reply within 2000 ms\r\n"
             "\rkendrivex-fleet: 2 of 2 boxes answered\x1b[K"
             "\r\x1b[Kkendrivex-fleet: 2 boxes expected: 1 answered with success, 0 answered otherwise, 1 did not "
             "answer\r\n");

@@ -23,19 +23,24 @@ const char kReadmeAcl[] =
     "user operator\n"
     "topic readwrite kdx/#\n"
     "user reader\n"
-    "topic read kdx/#\n";
+    "topic read kdx/#\n"
+    "user clerk\n"
+    "topic read kdx/#\n"
+    "topic readwrite kdx/all/#\n";
 
 class FleetSecurityTest : public FleetTest {
  protected:
   // The broker of the README's access control, with boxes box1 and box2
   // logged in as themselves.
   void StartFleetOfUsers() {
-    ASSERT_TRUE(MakePasswordFile(dir.File("passwords"),
-                                 {
-                                     {"box1",     "pw1"  },
-                                     {"box2",     "pw2"  },
-                                     {"operator", "op-pw"},
-                                     {"reader",   "rd-pw"}
+    ASSERT_TRUE(MakePasswordFile(
+        dir.File("passwords"),
+        {
+            {"box1",     "pw1"  },
+            {"box2",     "pw2"  },
+            {"operator", "op-pw"},
+            {"reader",   "rd-pw"},
+            {"clerk",    "cl-pw"}
     }));
     broker.AddConfig({"allow_anonymous false", "password_file " + dir.File("passwords"),
                       "acl_file " + WriteFile("acl", kReadmeAcl)});
@@ -79,6 +84,15 @@ TEST_F(FleetSecurityTest, SyncMarkerTheAccessRulesRefuseIsSaid) {
   EXPECT_EQ(result.err.rfind(head, 0), 0u) << result.err;
   ASSERT_GE(result.err.size(), head.size() + tail.size());
   EXPECT_EQ(result.err.substr(result.err.size() - tail.size()), tail) << result.err;
+  EXPECT_EQ(result.exitCode, 3);
+}
+
+TEST_F(FleetSecurityTest, ForgetThatTheAccessRulesRefuseSaysSoAndExits3) {
+  StartFleetOfUsers();
+  StopBridge("box2");
+  const Result result =
+      Fleet({"--username", "clerk", "--password-file", WriteFile("clerk.password", "cl-pw\n"), "forget", "box2"});
+  EXPECT_EQ(result.err, ErrorLine("box2", "cannot clear it: the broker refused it: not authorized (0x87)"));
   EXPECT_EQ(result.exitCode, 3);
 }
 
