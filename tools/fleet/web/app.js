@@ -125,6 +125,7 @@
     orderDirty: true,
     countsDirty: true,
     idsDirty: true,
+    idsLater: false,  // showIds is waiting for a quiet moment
     logPaused: false,
     logMissed: 0,
     logBox: '',
@@ -255,7 +256,12 @@
     if (log.dirty) drawLog();
     if (view.orderDirty) placeRows();
     if (view.countsDirty) showCounts();
-    if (view.idsDirty) showIds();
+    if (view.idsDirty && !view.idsLater) {
+      // The IDs offered while typing can wait for a quiet moment: the rows
+      // come first.
+      view.idsLater = true;
+      (window.requestIdleCallback || setTimeout)(showIds, {timeout: 1000});
+    }
     showLink();
   }
 
@@ -454,6 +460,7 @@
   // The box IDs offered by the target and log filter fields.
   function showIds() {
     view.idsDirty = false;
+    view.idsLater = false;
     const list = $('box-ids');
     const ids = Array.from(rows.keys()).sort(collator.compare);
     const options = list.children;
