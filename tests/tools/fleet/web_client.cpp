@@ -7,8 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <fstream>
+#include <iomanip>
 #include <sstream>
 
 #include "tests/support/wait_until.h"
@@ -187,10 +187,14 @@ bool StalledReader::Closed() const {
   socklen_t size = sizeof own;
   // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the socket API's address type
   if (::getsockname(mFd, reinterpret_cast<sockaddr*>(&own), &size) != 0) return false;
-  char local[32];
-  char remote[32];
-  std::snprintf(local, sizeof local, "0100007F:%04X", static_cast<unsigned>(mPort));
-  std::snprintf(remote, sizeof remote, "0100007F:%04X", static_cast<unsigned>(ntohs(own.sin_port)));
+  // 127.0.0.1 and a port as the table writes them: "0100007F:1F91".
+  const auto entry = [](unsigned port) {
+    std::ostringstream text;
+    text << "0100007F:" << std::uppercase << std::hex << std::setw(4) << std::setfill('0') << port;
+    return text.str();
+  };
+  const std::string local = entry(static_cast<unsigned>(mPort));
+  const std::string remote = entry(ntohs(own.sin_port));
   std::ifstream table("/proc/net/tcp");
   std::string line;
   std::getline(table, line);
