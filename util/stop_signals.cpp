@@ -1,13 +1,11 @@
 #include "util/stop_signals.h"
 
-#include <initializer_list>
-
 namespace zel::util {
 
 sigset_t StopSignals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (int signo : {SIGINT, SIGTERM, SIGHUP}) {
+  for (int signo : kStopSignals) {
     struct sigaction current = {};
     if (sigaction(signo, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;
     sigaddset(&signals, signo);

@@ -9,6 +9,9 @@
 
 namespace zel::util {
 
+// Every stop signal, ignored or not: the one list of them.
+inline constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
 // The stop signals whose action is not SIG_IGN now.
 sigset_t StopSignals();
 

@@ -11,28 +11,14 @@
 #include "cli/cmd_line_interface.h"
 #include "cli/console.h"
 #include "tests/cli/cli_test_access.h"
+#include "tests/support/redirect.h"
 
 namespace zel::cli {
 namespace {
 
 using Access = CmdLineInterfaceTestAccess;
+using ::zel::test::Redirect;
 using KeyType = Console::KeyType;
-
-// Replaces descriptor `target` with `fd` for the object's lifetime.
-class Redirect {
- public:
-  Redirect(int target, int fd) : mTarget(target), mSaved(::dup(target)) { ::dup2(fd, target); }
-  ~Redirect() {
-    ::dup2(mSaved, mTarget);
-    ::close(mSaved);
-  }
-  Redirect(const Redirect&) = delete;
-  Redirect& operator=(const Redirect&) = delete;
-
- private:
-  int mTarget;
-  int mSaved;
-};
 
 // A descriptor closed at the end of the scope.
 class Fd {

@@ -47,6 +47,13 @@ bool WaitForSyslogRecord(const std::string& path, const LogRecord& record, std::
       timeout);
 }
 
+bool HasSyslogRecordStarting(const std::string& path, const std::string& start) {
+  for (const LogRecord& record : ReadSyslogFile(path)) {
+    if (record.text.compare(0, start.size(), start) == 0) return true;
+  }
+  return false;
+}
+
 std::vector<std::string> SyslogCaptureEnv(const std::string& path) {
   return {std::string("LD_PRELOAD=") + KDX_SYSLOG_PRELOAD_PATH, "KDX_SYSLOG_FILE=" + path};
 }

@@ -22,6 +22,10 @@ bool WaitForSyslogFile(const std::string& path, const std::function<bool(const s
 bool WaitForSyslogRecord(const std::string& path, const LogRecord& record,
                          std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
+// Whether the file holds a record whose text begins with `start`, now (for a
+// program that has ended, every record it wrote).
+bool HasSyslogRecordStarting(const std::string& path, const std::string& start);
+
 // The environment entries that make a program started by PtyProcess log into
 // `path` (the preload library, its file, and the sanitizer setting it needs).
 std::vector<std::string> SyslogCaptureEnv(const std::string& path);

@@ -41,6 +41,15 @@ TEST(SyslogFileTest, PreloadedLibraryLeavesTheTerminalOutputAlone) {
   EXPECT_EQ(probe.Output(), "logged\r\n");
 }
 
+TEST(SyslogFileTest, RecordIsFoundByTheStartOfItsText) {
+  TempDir dir;
+  const std::string logFile = dir.File("syslog");
+  PtyProcess probe({KDX_PTY_PROBE_PATH, "log"}, {SyslogCaptureEnv(logFile), ""});
+  ASSERT_TRUE(probe.WaitForExit().has_value());
+  EXPECT_TRUE(HasSyslogRecordStarting(logFile, "second without"));
+  EXPECT_FALSE(HasSyslogRecordStarting(logFile, "without"));
+}
+
 TEST(SyslogFileTest, MissingFileHasNoRecords) {
   TempDir dir;
   EXPECT_TRUE(ReadSyslogFile(dir.File("absent")).empty());

@@ -1,7 +1,8 @@
 // kendrivex-ctl's command line: the options (with their defaults from the
 // environment), then the command and its arguments, or "-" for commands from
 // standard input; and the --help and --version texts, made from the option
-// table here and the client core's command table. The bash completion reads
+// table here and the client core's command table. The table is data for the
+// client core's option reader (tools/service_client/options.h). The bash completion reads
 // the command and option names from the help text, so its layout stays
 // simple: one command or option a line, indented by two blanks, under
 // "Commands:" and "Options:". Main thread only, before any other thread
@@ -29,7 +30,7 @@ struct Invocation {
   bool json = false;                // one JSON object a line
   std::string execProgram;          // watch: run for each event; empty for none
   uint32_t count = 0;               // watch: stop after so many events; 0 for no limit
-  bool verbose = false;             // every diagnostic, to the system log and standard error
+  unsigned verbosity = 0;           // how often -v was given
 };
 
 // False with a usage failure (status 2) when the command line is wrong.

@@ -8,14 +8,14 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
-#include "tools/ctl/signals.h"
 #include "tools/service_client/format.h"
+#include "tools/service_client/output.h"
+#include "tools/service_client/signals.h"
 #include "tools/service_client/watch.h"
 #include "util/decimal_text.h"
 #include "util/stop_signals.h"
@@ -28,6 +28,9 @@ namespace {
 using service_client::Fail;
 using service_client::Failure;
 using service_client::Notice;
+using service_client::Output;
+using service_client::Report;
+using service_client::SignalChannel;
 
 // The exit status a program dies with when its exec fails.
 constexpr int kExecFailed = 127;
@@ -122,7 +125,10 @@ class EventProgram {
     pthread_sigmask(SIG_SETMASK, &none, nullptr);
     struct sigaction defaults = {};
     defaults.sa_handler = SIG_DFL;
-    for (int signo : {SIGPIPE, SIGINT, SIGTERM, SIGHUP, SIGCHLD}) sigaction(signo, &defaults, nullptr);
+    // Every signal, whatever the watch did with it (exec resets a handled
+    // one, not an ignored one); the C library refuses those it keeps for
+    // itself, and the two that cannot be caught.
+    for (int signo = 1; signo < NSIG; ++signo) sigaction(signo, &defaults, nullptr);
     ::execve(path, argv, environ);
     ::_exit(kExecFailed);
   }

@@ -8,13 +8,13 @@
 #include <sys/types.h>
 
 #include "tools/ctl/arguments.h"
-#include "tools/ctl/output.h"
+#include "tools/service_client/output.h"
 
 namespace zel::ctl {
 
 // Watches to the end; the exit status (0 unless set-up failed). The --exec
 // program runs with `programUmask` (the one the program started with) as its
 // umask.
-int RunWatch(const Invocation& invocation, Output& output, mode_t programUmask);
+int RunWatch(const Invocation& invocation, service_client::Output& output, mode_t programUmask);
 
 }  // namespace zel::ctl

@@ -14,16 +14,16 @@
 
 #include "tools/ctl/arguments.h"
 #include "tools/ctl/events.h"
-#include "tools/ctl/output.h"
-#include "tools/ctl/signals.h"
+#include "tools/service_client/output.h"
 #include "tools/service_client/runner.h"
+#include "tools/service_client/signals.h"
 #include "util/decimal_text.h"
 
 namespace {
 
 using zel::ctl::Invocation;
-using zel::ctl::Output;
 using zel::service_client::Outcome;
+using zel::service_client::Output;
 
 // The lines of a stream through POSIX getline, whose buffer it owns.
 class LineReader {
@@ -58,13 +58,13 @@ int Show(Outcome& outcome, const std::string& where, bool json, Output& output) 
   if (!json && !outcome.plain.empty()) output.Write(outcome.plain);
   if (outcome.failure.Failed()) {
     outcome.failure.what = where + outcome.failure.what;
-    zel::ctl::Report(outcome.failure);
+    zel::service_client::Report(outcome.failure);
   }
   return outcome.status;
 }
 
 int RunOneShot(const Invocation& invocation, Output& output) {
-  zel::ctl::SignalCleanup cleanup;
+  zel::service_client::SignalCleanup cleanup;
   zel::service_client::Runner runner(invocation.settings, &cleanup);
   Outcome outcome = runner.Run(invocation.request);
   return Show(outcome, "", invocation.json, output);
@@ -79,10 +79,10 @@ int RunBatch(const Invocation& invocation, Output& output) {
   zel::service_client::Failure failure;
   if (!zel::service_client::CheckService(invocation.settings.servicePath, failure) ||
       !zel::service_client::CheckDirectory(invocation.settings.dir, false, failure)) {
-    zel::ctl::Report(failure);
+    zel::service_client::Report(failure);
     return failure.status;
   }
-  zel::ctl::SignalCleanup cleanup;
+  zel::service_client::SignalCleanup cleanup;
   zel::service_client::Runner runner(invocation.settings, &cleanup);
   LineReader reader(stdin);
   int firstFailure = zel::service_client::kStatusOk;
@@ -103,35 +103,33 @@ int RunBatch(const Invocation& invocation, Output& output) {
 // batch leaves out the IPC client's records of each socket and each request
 // (LOG_INFO and LOG_DEBUG), which a script run every few minutes would
 // otherwise write each time, and the watch its records of each event
-// (LOG_DEBUG); warnings and errors always go. With it, every record goes,
-// to standard error too.
+// (LOG_DEBUG); warnings and errors always go. What reaches standard error is
+// the client core's rule (tools/service_client/output.h): with -v the
+// program's own messages, with -v -v the IPC client's records too.
 void SetUpLog(const Invocation& invocation) {
-  if (invocation.verbose) {
-    openlog("kendrivex-ctl", LOG_PERROR, LOG_USER);
-    return;
-  }
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): set on the main thread before any other starts
-  setlogmask(LOG_UPTO(invocation.mode == Invocation::Mode::Watch ? LOG_INFO : LOG_NOTICE));
+  const int quietMask = LOG_UPTO(invocation.mode == Invocation::Mode::Watch ? LOG_INFO : LOG_NOTICE);
+  zel::service_client::OpenLog(LOG_USER, invocation.verbosity, quietMask);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): cannot fail for SIGPIPE
+  zel::service_client::SetProgramName("kendrivex-ctl");
   Invocation invocation;
   zel::service_client::Failure failure;
   if (!zel::ctl::ParseArguments(argc, argv, invocation, failure)) {
-    zel::ctl::Report(failure);
+    zel::service_client::Report(failure);
     return failure.status;
   }
   Output output;
   switch (invocation.mode) {
     case Invocation::Mode::Help:
       output.Write(zel::ctl::HelpText());
-      return zel::ctl::Finish(output, zel::service_client::kStatusOk);
+      return zel::service_client::Finish(output, zel::service_client::kStatusOk);
     case Invocation::Mode::Version:
       output.Write(zel::ctl::VersionText());
-      return zel::ctl::Finish(output, zel::service_client::kStatusOk);
+      return zel::service_client::Finish(output, zel::service_client::kStatusOk);
     case Invocation::Mode::OneShot:
     case Invocation::Mode::Batch:
     case Invocation::Mode::Watch:
@@ -149,5 +147,5 @@ int main(int argc, char** argv) {
   } else {
     status = RunOneShot(invocation, output);
   }
-  return zel::ctl::Finish(output, status);
+  return zel::service_client::Finish(output, status);
 }

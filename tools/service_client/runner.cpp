@@ -15,6 +15,7 @@
 #include "ipc/ipc_client.h"
 #include "ipc/ipc_message.h"
 #include "tools/service_client/format.h"
+#include "tools/service_client/output.h"
 #include "util/decimal_text.h"
 
 // Why retired clients stay bound: a reply that comes after its request timed
@@ -232,8 +233,8 @@ class Runner::Clients {
   // next request gets a new client.
   void Retire() {
     if (!mCurrent.client) return;
-    syslog(LOG_NOTICE, "%s %d: no reply on [%s]; it stays bound and the next request uses a new path\n", kRetireText, 1,
-           mCurrent.path.c_str());
+    Log(LOG_NOTICE, "no reply came to %s in time; it stays bound, and the next request goes out from a new socket",
+        mCurrent.path.c_str());
     mRetired.push_back(std::move(mCurrent));
     mCurrent = Held();
   }
@@ -291,7 +292,8 @@ class Runner::Clients {
     }
     ::chmod(mPrivateDir.c_str(), kPrivateMode);
     mDir = mPrivateDir;
-    syslog(LOG_NOTICE, "%s %d: all client socket paths taken; going on in [%s]\n", kMoveText, 1, mDir.c_str());
+    Log(LOG_NOTICE, "every client socket path of this process in %s is taken; going on in %s", mSettings.dir.c_str(),
+        mDir.c_str());
     return true;
   }
 

@@ -1,11 +1,12 @@
 // Runs commands against the service, one at a time, and says how each went
-// without printing anything: a one-shot command, the lines of a batch, or
-// the requests of a long-running program (a bridge) from its own thread. The
-// protocol carries no request identifiers, so a request that went unanswered
-// retires its client socket, which stays bound and swallows the late reply,
-// and the next request goes out on a new client socket: a late reply is never
-// taken for another request's. Also the settings that the runner and the
-// watch share, and the checks that explain a failed set-up.
+// without printing anything (its notices go to the log, output.h): a
+// one-shot command, the lines of a batch, or the requests of a long-running
+// program (a bridge) from its own thread. The protocol carries no request
+// identifiers, so a request that went unanswered retires its client socket,
+// which stays bound and swallows the late reply, and the next request goes
+// out on a new client socket: a late reply is never taken for another
+// request's. Also the settings that the runner and the watch share, and the
+// checks that explain a failed set-up.
 //
 // Threading: a Runner is used by one thread at a time; it owns its clients,
 // their socket files and a directory of its own should it need one.

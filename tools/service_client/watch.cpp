@@ -18,6 +18,7 @@
 #include "ipc/client_paths.h"
 #include "ipc/ipc_client.h"
 #include "ipc/wait_deadline.h"
+#include "tools/service_client/output.h"
 
 // Events arrive on the IPC client's event thread and reach the user's thread
 // through a bounded queue with an eventfd that wakes it. A restarted service
@@ -27,11 +28,6 @@
 // is down. It is then registered with again on a new client.
 namespace zel::service_client {
 namespace {
-
-// The texts of the watch's messages; they keep the names of the functions
-// where they began, since log readers (and the tests) match them.
-constexpr char kCheckServiceText[] = "void zel::ctl::Watcher::CheckService()";
-constexpr char kReconnectText[] = "void zel::ctl::Watcher::Reconnect()";
 
 // Events waiting while no one takes them; beyond this the event thread waits
 // and the socket's own queue holds the rest.
@@ -134,8 +130,7 @@ class Watch::State {
     const Identity now = Identity::Of(mSettings.servicePath);
     if (now.SameAs(mService)) return;
     if (!now.present) {
-      syslog(LOG_INFO, "%s %d: service socket [%s] is gone; waiting for it\n", kCheckServiceText, 1,
-             mSettings.servicePath.c_str());
+      Log(LOG_INFO, "the service's socket %s is gone; waiting for it", mSettings.servicePath.c_str());
       mService = now;
       NoteDown();
       return;
@@ -246,8 +241,7 @@ class Watch::State {
   }
 
   void Reconnect() {
-    syslog(LOG_INFO, "%s %d: service at [%s] started anew; registering again\n", kReconnectText, 1,
-           mSettings.servicePath.c_str());
+    Log(LOG_INFO, "the service at %s started anew; registering again", mSettings.servicePath.c_str());
     NoteDown();
     // The new service never heard of the old registration, and an
     // unregistration it might not answer would hold the watch up.
@@ -257,7 +251,8 @@ class Watch::State {
       Note(Notice::Kind::ServiceUp);
       return;
     }
-    syslog(LOG_ERR, "%s %d: %s: %s\n", kReconnectText, 2, failure.what.c_str(), failure.why.c_str());
+    Log(LOG_ERR, "cannot register with the service again: %s: %s; trying again in 1 s", failure.what.c_str(),
+        failure.why.c_str());
     // Tried again at the next check.
     mService = Identity();
   }

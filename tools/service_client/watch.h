@@ -3,8 +3,9 @@
 // then every 5 seconds), the events handed on in order of arrival, and the
 // service's socket file looked at every second, so that a service that went
 // away is reported and one that started anew is registered with again. It
-// prints nothing: its user takes each notice from a queue (poll Fd() in a
-// loop of its own) or has them called back (Run on a thread of its own).
+// prints nothing (its own messages go to the log, output.h): its user takes
+// each notice from a queue (poll Fd() in a loop of its own) or has them
+// called back (Run on a thread of its own).
 //
 // Threading: Start, Check, Take and Run on one thread; Stop from any. The
 // client's threads (the event socket's monitor, the registration retry)

@@ -113,6 +113,27 @@ TEST_F(ArgumentsTest, HelpWinsOverVersionWhicheverComesFirst) {
   EXPECT_EQ(invocation.mode, Mode::Version);
 }
 
+TEST_F(ArgumentsTest, VerboseCountsEachTimeItIsGiven) {
+  ASSERT_TRUE(Parse({"-s", "svc", "ping"}));
+  EXPECT_EQ(invocation.verbosity, 0u);
+  ASSERT_TRUE(Parse({"-s", "svc", "-v", "ping", "--verbose"}));
+  EXPECT_EQ(invocation.verbosity, 2u);
+}
+
+TEST_F(ArgumentsTest, HelpComesBeforeTheValuesAreLookedAt) {
+  ASSERT_TRUE(Parse({"-t", "0", "--help"}));
+  EXPECT_EQ(invocation.mode, Mode::Help);
+}
+
+TEST_F(ArgumentsTest, UnknownOptionComesBeforeAValueThatDoesNotFit) {
+  EXPECT_EQ(Error({"-s", "svc", "-t", "0", "ping", "--bogus"}),
+            "kendrivex-ctl: --bogus: unknown option (try --help)\n");
+}
+
+TEST_F(ArgumentsTest, FlagGivenAValueIsAUsageError) {
+  EXPECT_EQ(Error({"-s", "svc", "--json=yes", "ping"}), "kendrivex-ctl: --json: takes no value\n");
+}
+
 TEST_F(ArgumentsTest, UsageErrorsNameWhatIsWrong) {
   EXPECT_EQ(Error({"--bogus", "ping"}), "kendrivex-ctl: --bogus: unknown option (try --help)\n");
   EXPECT_EQ(Error({"-s"}), "kendrivex-ctl: -s: needs a value\n");

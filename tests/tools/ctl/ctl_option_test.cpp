@@ -1,8 +1,10 @@
-// Where the program finds the service and the directory for its sockets, the
-// verbose diagnostics, and the end of options before the command.
+// Where the program finds the service and the directory for its sockets, what
+// -v and -v -v copy to standard error, and the end of options before the
+// command.
 #include <string>
 #include <vector>
 
+#include "tests/support/syslog_file.h"
 #include "tests/tools/ctl/ctl_test.h"
 
 namespace zel::ctl::test {
@@ -88,14 +90,40 @@ TEST_F(CtlTest, WordsAfterSendAreFieldsEvenWhenTheyLookLikeOptions) {
   EXPECT_EQ(fake->Requests()[0].text, "1\t-j\t--timeout\t7");
 }
 
-TEST_F(CtlTest, VerboseCopiesTheDiagnosticsToStandardError) {
-  StartSim();
+// The line of the runner's notice that a request went unanswered, up to the
+// client's path.
+const char kNoReplyStart[] = "kendrivex-ctl: no reply came to ";
+const char kNoReplyEnd[] = " in time; it stays bound, and the next request goes out from a new socket\n";
+
+TEST_F(CtlTest, VerboseCopiesTheProgramsOwnMessagesToStandardError) {
+  StartFake();
+  const Result result = Ctl({"--verbose", "-t", "100", "ping"});
+  EXPECT_EQ(result.exitCode, 3);
+  // The notice, then the failure; the client library's records stay in the
+  // system log.
+  ASSERT_EQ(result.err.rfind(kNoReplyStart + dir.path() + "/ipc_client-", 0), 0u) << result.err;
+  const std::string failure = ErrorLine("ping", "no reply within 100 ms");
+  EXPECT_EQ(result.err.substr(result.err.find(kNoReplyEnd)), kNoReplyEnd + failure) << result.err;
+  EXPECT_TRUE(::zel::test::HasSyslogRecordStarting(SyslogFile(), "client snd [1]"));
+}
+
+TEST_F(CtlTest, VerboseTwiceCopiesTheClientLibrarysRecordsTooAndEachMessageOnce) {
+  StartFake();
   // The system log is not captured here: the copy is the C library's.
-  const Result result = CtlBare({"-s", ServicePath(), "-d", dir.path(), "--verbose", "ping"}, UncapturedOptions());
-  EXPECT_EQ(result.exitCode, 0);
-  EXPECT_EQ(result.out, "PONG\n");
-  EXPECT_NE(result.err.find("client snd [1]"), std::string::npos) << result.err;
-  EXPECT_NE(result.err.find("client rcv [1\tPONG]"), std::string::npos) << result.err;
+  const Result result =
+      CtlBare({"-s", ServicePath(), "-d", dir.path(), "-v", "-v", "-t", "100", "ping"}, UncapturedOptions());
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_NE(result.err.find("kendrivex-ctl: client snd [1]\n"), std::string::npos) << result.err;
+  EXPECT_EQ(Occurrences(result.err, kNoReplyStart), 1u) << result.err;
+  EXPECT_EQ(Occurrences(result.err, kNoReplyEnd), 1u) << result.err;
+}
+
+TEST_F(CtlTest, WithoutVerboseTheProgramsNoticesStayOffStandardError) {
+  StartFake();
+  const Result result = Ctl({"-t", "100", "ping"});
+  EXPECT_EQ(result.exitCode, 3);
+  EXPECT_EQ(result.err, ErrorLine("ping", "no reply within 100 ms"));
+  EXPECT_TRUE(::zel::test::HasSyslogRecordStarting(SyslogFile(), "no reply came to " + dir.path() + "/ipc_client-"));
 }
 
 TEST_F(CtlTest, WithoutVerboseStandardErrorStaysEmpty) {

@@ -19,6 +19,12 @@ std::string ErrorLine(const std::string& what, const std::string& why) {
   return "kendrivex-ctl: " + what + ": " + why + "\n";
 }
 
+size_t Occurrences(const std::string& output, const std::string& text) {
+  size_t count = 0;
+  for (size_t at = output.find(text); at != std::string::npos; at = output.find(text, at + 1)) ++count;
+  return count;
+}
+
 void CtlTest::StartSim(const std::vector<std::string>& options) {
   sim = std::make_unique<SimProcess>(KDX_SIM_PATH, ServicePath(), dir.File("sim.log"), dir.File("sim.syslog"), options);
   ASSERT_TRUE(sim->WaitUntilServing());

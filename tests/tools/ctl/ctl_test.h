@@ -6,6 +6,7 @@
 // sockets, the logs. One thread at a time.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
@@ -64,5 +65,8 @@ class CtlTest : public ::testing::Test {
 
 // Standard error as the program writes one error line.
 std::string ErrorLine(const std::string& what, const std::string& why);
+
+// How often `text` occurs in `output`.
+size_t Occurrences(const std::string& output, const std::string& text);
 
 }  // namespace zel::ctl::test

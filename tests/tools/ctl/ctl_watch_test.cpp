@@ -308,8 +308,8 @@ TEST_F(CtlWatchTest, RestartedServiceIsRegisteredWithAgainWithoutDuplicates) {
   ASSERT_TRUE(fake->SendTo(secondPath, "7\tafter"));
   ASSERT_TRUE(watch->WaitForOutLines(2));
   EXPECT_TRUE(::zel::test::WaitForSyslogRecord(
-      SyslogFile(), ::zel::test::LogRecord{LOG_INFO, "void zel::ctl::Watcher::Reconnect() 1: service at [" +
-                                                         ServicePath() + "] started anew; registering again\n"}));
+      SyslogFile(),
+      ::zel::test::LogRecord{LOG_INFO, "the service at " + ServicePath() + " started anew; registering again"}));
   const std::string out = watch->Out();
   EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 2);
   EXPECT_NE(out.find("\t7\tbefore\n"), std::string::npos);
@@ -319,13 +319,6 @@ TEST_F(CtlWatchTest, RestartedServiceIsRegisteredWithAgainWithoutDuplicates) {
   EXPECT_EQ(fake->RequestsFor(4).size(), 1u);
   EXPECT_TRUE(fake->RequestsFor(5).empty());
   ExpectCleanStop(SIGTERM, secondPath);
-}
-
-// How often the text occurs in the output.
-size_t Occurrences(const std::string& out, const std::string& text) {
-  size_t count = 0;
-  for (size_t at = out.find(text); at != std::string::npos; at = out.find(text, at + 1)) ++count;
-  return count;
 }
 
 TEST_F(CtlWatchTest, RestartedSimulatorDeliversEventsAgainOncePerPush) {

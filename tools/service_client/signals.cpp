@@ -1,4 +1,4 @@
-#include "tools/ctl/signals.h"
+#include "tools/service_client/signals.h"
 
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -6,7 +6,8 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <initializer_list>
+
+#include "util/stop_signals.h"
 
 // The handler only calls unlink, rmdir, signal and raise, which are
 // async-signal-safe, on paths copied into fixed storage beforehand. An entry
@@ -14,7 +15,7 @@
 // again; the handler runs on the thread that writes the table (a one-shot
 // command or a batch starts no other), so it sees each entry whole or not at
 // all.
-namespace zel::ctl {
+namespace zel::service_client {
 namespace {
 
 // A socket path always fits a socket address; directories are shorter still.
@@ -47,36 +48,26 @@ void OnSignal(int signo) {
   // NOLINTEND(cert-err33-c)
 }
 
-sigset_t AllStopSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (int signo : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signo);
-  return signals;
-}
-
-// Installs the handler for each stop signal, and puts back SIG_IGN where it
-// was: with the signals blocked meanwhile, an ignored one that arrives is
-// discarded when SIG_IGN is back, never handled.
+// Installs the handler for each stop signal of `stopSignals`, those that
+// are not ignored; one that is stays so, and is never handled.
 void Install(const sigset_t& stopSignals) {
   struct sigaction action = {};
   action.sa_handler = OnSignal;
-  // The other two wait while one runs, so that the entries are walked once.
+  // The others wait while one runs, so that the entries are walked once.
   action.sa_mask = stopSignals;
-  for (int signo : {SIGINT, SIGTERM, SIGHUP}) {
-    struct sigaction previous = {};
-    if (sigaction(signo, &action, &previous) == 0 && previous.sa_handler == SIG_IGN) {
-      sigaction(signo, &previous, nullptr);
-    }
+  for (int signo : zel::util::kStopSignals) {
+    struct sigaction now = {};
+    if (sigaction(signo, nullptr, &now) == 0 && now.sa_handler != SIG_IGN) sigaction(signo, &action, nullptr);
   }
 }
 
 }  // namespace
 
 void SignalCleanup::BeginMaking() {
-  const sigset_t stopSignals = AllStopSignals();
-  pthread_sigmask(SIG_BLOCK, &stopSignals, &mPrevious);
+  if (!mInstalled) mStopSignals = zel::util::StopSignals();
+  pthread_sigmask(SIG_BLOCK, &mStopSignals, &mPrevious);
   if (mInstalled) return;
-  Install(stopSignals);
+  Install(mStopSignals);
   mInstalled = true;
 }
 
@@ -118,4 +109,4 @@ int SignalChannel::Take() {
   }
 }
 
-}  // namespace zel::ctl
+}  // namespace zel::service_client

@@ -1,9 +1,9 @@
-// The stop signals of kendrivex-ctl (SIGINT, SIGTERM, SIGHUP; any that was
-// ignored when the program started stays ignored). A one-shot command or a
-// batch has its socket files removed by a handler, which then lets the
-// signal end the program (SignalCleanup, told of the files by the runner).
-// The watch takes its signals through a descriptor in its own loop
-// (SignalChannel). Main thread only.
+// The stop signals of a front end (util::StopSignals: SIGINT, SIGTERM and
+// SIGHUP, less any that was ignored when the program started, which stays
+// ignored). A program that runs commands and ends has its socket files
+// removed by a handler, which then lets the signal end it (SignalCleanup,
+// told of the files by the runner). A program with a loop of its own takes
+// its signals through a descriptor there (SignalChannel). Main thread only.
 #pragma once
 
 #include <signal.h>
@@ -12,13 +12,13 @@
 
 #include "tools/service_client/runner.h"
 
-namespace zel::ctl {
+namespace zel::service_client {
 
 // Installs its handler when the runner first makes a file, and holds the
 // stop signals off while one is made and not yet recorded. What the handler
 // reads is written so that it never sees an entry half-written, without a
 // system call. There is one table for the process: one cleanup at a time.
-class SignalCleanup final : public service_client::FileObserver {
+class SignalCleanup final : public FileObserver {
  public:
   void BeginMaking() override;
   void EndMaking() override;
@@ -28,6 +28,7 @@ class SignalCleanup final : public service_client::FileObserver {
   void Removed(const std::string& path) override;
 
  private:
+  sigset_t mStopSignals{};  // found once, when the handler is installed
   sigset_t mPrevious{};
   bool mInstalled = false;
 };
@@ -54,4 +55,4 @@ class SignalChannel {
   int mFd = -1;
 };
 
-}  // namespace zel::ctl
+}  // namespace zel::service_client
