@@ -73,6 +73,10 @@ std::string HostName() {
 // A value as an error line quotes it (escaped and shortened).
 std::string Quoted(const std::string& text) { return "\"" + core::Shown(text) + "\""; }
 
+// The MQTT layer's text, which names files and values as they came, as an
+// error line or the log may show it: control bytes escaped, not too long.
+std::string Escaped(const std::string& text) { return core::Shown(text, 2 * core::kShownPathLength); }
+
 // `text` without the blanks around it.
 std::string Trimmed(const std::string& text) {
   const size_t start = text.find_first_not_of(" \t");
@@ -172,7 +176,8 @@ class CommandLine final : public core::OptionHandler {
     if (!core::CheckServiceGiven(settings.servicePath, mFailure)) return false;
     if (!CheckId(settings.id, why)) return Usage("--id", why);
     std::string what;
-    if (!settings.connection.Check(what, why, mInvocation.warnings)) return Usage(what, why);
+    if (!settings.connection.Check(what, why, mInvocation.warnings)) return Usage(what, Escaped(why));
+    for (std::string& warning : mInvocation.warnings) warning = Escaped(warning);
     settings.Complete();
     return true;
   }
@@ -188,7 +193,9 @@ class CommandLine final : public core::OptionHandler {
         settings.dir = value;
         return true;
       case kConnection:
-        return settings.connection.Set(option.longName, value, why);
+        if (settings.connection.Set(option.longName, value, why)) return true;
+        why = Escaped(why);
+        return false;
       case kId:
         settings.id = value;
         return CheckId(value, why);
