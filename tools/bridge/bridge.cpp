@@ -35,7 +35,7 @@ Bridge::Bridge(const Settings& settings)
 
 bool Bridge::Run(const sigset_t& signals) {
   zel::service_client::Log(LOG_INFO, "box %s on the broker at %s for the service at %s", mSettings.id.c_str(),
-         mSettings.connection.broker.Url().c_str(), mSettings.servicePath.c_str());
+                           mSettings.connection.broker.Url().c_str(), mSettings.servicePath.c_str());
   RemoveStaleSocketFiles(mSettings.dir);
   mWatch.Start();
   mWorker.Start();

@@ -12,8 +12,8 @@
 #include <cstring>
 
 #include "tools/service_client/format.h"
-#include "util/decimal_text.h"
 #include "tools/service_client/output.h"
+#include "util/decimal_text.h"
 
 namespace zel::bridge {
 namespace {
@@ -134,7 +134,8 @@ bool ServiceWatch::SetUp(core::Watch& watch) {
   mService.Set(ServiceState::Value::Down);
   const std::string line = failure.what + ": " + failure.why;
   if (line != mLastFailure) {
-    zel::service_client::Log(LOG_WARNING, "cannot watch the service's events: %s; trying again every second", line.c_str());
+    zel::service_client::Log(LOG_WARNING, "cannot watch the service's events: %s; trying again every second",
+                             line.c_str());
     mLastFailure = line;
   }
   return false;
@@ -199,7 +200,8 @@ size_t RemoveStaleSocketFiles(const std::string& dir) {
   }
   ::closedir(stream);
   if (removed != 0) {
-    zel::service_client::Log(LOG_INFO, "removed %zu socket files in %s that ended processes had left", removed, dir.c_str());
+    zel::service_client::Log(LOG_INFO, "removed %zu socket files in %s that ended processes had left", removed,
+                             dir.c_str());
   }
   return removed;
 }

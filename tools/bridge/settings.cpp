@@ -35,7 +35,20 @@ const char kExitStatus[] =
     "error; 4 local set-up failed (directory, path length). A broker or service that\n"
     "is away is waited for, never a reason to exit.\n";
 
-enum OptionId : int { kService, kDir, kConnection, kId, kPrefix, kAllow, kQueue, kHealth, kConfig, kVerbose, kHelp, kVersion };
+enum OptionId : int {
+  kService,
+  kDir,
+  kConnection,
+  kId,
+  kPrefix,
+  kAllow,
+  kQueue,
+  kHealth,
+  kConfig,
+  kVerbose,
+  kHelp,
+  kVersion
+};
 
 // clang-format off
 constexpr core::Option kOptions[] = {
