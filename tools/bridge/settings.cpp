@@ -172,12 +172,10 @@ class CommandLine final : public core::OptionHandler {
 
   bool Parse() {
     if (!mLine.ReadOnlyOptions(mFailure)) return false;
-    if (mLine.Level(kHelp) > 0) {
-      mInvocation.mode = Invocation::Mode::Help;
-      return true;
-    }
-    if (mLine.Level(kVersion) > 0) {
-      mInvocation.mode = Invocation::Mode::Version;
+    // --help wins over --version, and both over everything else.
+    const bool help = mLine.Level(kHelp) > 0;
+    if (help || mLine.Level(kVersion) > 0) {
+      mInvocation.mode = help ? Invocation::Mode::Help : Invocation::Mode::Version;
       return true;
     }
     if (!mLine.ReadConfigFiles(mFailure) || !mLine.Apply(*this, mFailure)) return false;
