@@ -285,14 +285,15 @@ TEST_F(BridgeOptionTest, PasswordFileThatCannotHoldAPasswordEndsTheBridgeWithOne
 TEST_F(BridgeOptionTest, PasswordFileOthersMayReadAndAPasswordInTheClearAreWarnedOf) {
   const std::string password = WriteFile("password", "pw\n");
   ::chmod(password.c_str(), 0644);
-  // A broker on another machine (a documentation address: never reached,
-  // the bridge is stopped first).
-  StartBridge({"-b", "mqtt://192.0.2.1:1", "--username", "box1", "--password-file", password});
+  // A broker on another machine, never reached: the warnings come at start,
+  // and the missing directory ends the bridge before it connects anywhere.
+  const Result result = RunBare({"-s", ServicePath(), "-d", dir.File("missing"), "-b", "mqtt://192.0.2.1:1",
+                                 "--username", "box1", "--password-file", password});
+  EXPECT_EQ(result.exitCode, 4) << result.err;
   EXPECT_TRUE(WaitForLog("permissions 0644 for the password file " + password +
                          " are too open: it should be readable by its owner alone (chmod 600 " + password + ")"));
-  EXPECT_TRUE(
-      WaitForLog("the password of box1 goes unencrypted to the broker at mqtt://192.0.2.1:1; use mqtts:// "
-                 "for a broker on another machine"));
+  EXPECT_TRUE(WaitForLog("the password of box1 goes unencrypted to the broker at mqtt://192.0.2.1:1; use mqtts:// "
+                         "for a broker on another machine"));
 }
 
 TEST_F(BridgeOptionTest, StaleSocketFilesOfEndedProcessesAreRemovedAtStart) {
