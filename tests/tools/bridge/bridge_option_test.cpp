@@ -292,8 +292,9 @@ TEST_F(BridgeOptionTest, PasswordFileOthersMayReadAndAPasswordInTheClearAreWarne
   EXPECT_EQ(result.exitCode, 4) << result.err;
   EXPECT_TRUE(WaitForLog("permissions 0644 for the password file " + password +
                          " are too open: it should be readable by its owner alone (chmod 600 " + password + ")"));
-  EXPECT_TRUE(WaitForLog("the password of box1 goes unencrypted to the broker at mqtt://192.0.2.1:1; use mqtts:// "
-                         "for a broker on another machine"));
+  EXPECT_TRUE(
+      WaitForLog("the password of box1 goes unencrypted to the broker at mqtt://192.0.2.1:1; use mqtts:// "
+                 "for a broker on another machine"));
 }
 
 TEST_F(BridgeOptionTest, StaleSocketFilesOfEndedProcessesAreRemovedAtStart) {
