@@ -1,5 +1,6 @@
-// ThreadSanitizer's suppressions and defaults for what links libmosquitto, compiled into
-// the bridge and the tests in the tsan build only. libmosquitto takes its
+// ThreadSanitizer's suppressions and defaults for what links libmosquitto,
+// compiled into the bridge and the tests in the tsan build only. libmosquitto
+// takes its
 // internal mutexes in an order that depends on the call (a publication from
 // inside one of its callbacks, or outside; a disconnection), which the
 // sanitizer reports as a lock-order inversion even when one thread alone
