@@ -20,7 +20,7 @@ namespace {
 
 using zel::fuzz::Require;
 
-// The file the input is written to, made once.
+// The file the input is written to, made once and removed at the end.
 const std::string& ConfigPath() {
   static const std::string path = [] {
     char name[] = "/tmp/kdx-fuzz-bridge-config-XXXXXX";
@@ -29,6 +29,8 @@ const std::string& ConfigPath() {
     ::close(fd);
     return std::string(name);
   }();
+  static const bool removedAtExit = std::atexit([] { ::unlink(ConfigPath().c_str()); }) == 0;
+  static_cast<void>(removedAtExit);
   return path;
 }
 
