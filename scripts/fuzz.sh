@@ -10,7 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 seconds="${1:-60}"
-targets=(key_decoder line_editor line_format datagram bridge_intake fleet_messages)
+targets=(key_decoder line_editor line_format datagram bridge_intake bridge_config fleet_messages)
 
 scripts/deps.sh clang-14 libclang-rt-14-dev
 cmake --preset fuzz >/dev/null

@@ -5,6 +5,8 @@
 #include <chrono>
 #include <string>
 
+#include "tools/service_client/output.h"
+
 namespace zel::bridge {
 namespace {
 
@@ -32,8 +34,8 @@ Bridge::Bridge(const Settings& settings)
             [this](const zel::mqtt::Message& message) { mIntake.Take(message); }) {}
 
 bool Bridge::Run(const sigset_t& signals) {
-  syslog(LOG_INFO, "box %s on the broker at %s for the service at %s", mSettings.id.c_str(),
-         mSettings.connection.broker.Url().c_str(), mSettings.servicePath.c_str());
+  zel::service_client::Log(LOG_INFO, "box %s on the broker at %s for the service at %s", mSettings.id.c_str(),
+                           mSettings.connection.broker.Url().c_str(), mSettings.servicePath.c_str());
   RemoveStaleSocketFiles(mSettings.dir);
   mWatch.Start();
   mWorker.Start();
@@ -41,7 +43,7 @@ bool Bridge::Run(const sigset_t& signals) {
   int signo = 0;
   while (sigwait(&signals, &signo) != 0) {
   }
-  syslog(LOG_INFO, "stopping on signal %d", signo);
+  zel::service_client::Log(LOG_INFO, "stopping on signal %d", signo);
   return Stop();
 }
 
@@ -55,11 +57,11 @@ bool Bridge::Stop() {
   // steps before.
   const bool finished = mWorker.Stop(kCommandTime);
   if (!finished) {
-    syslog(LOG_WARNING, "a command still waits for the service; its socket files are removed");
+    zel::service_client::Log(LOG_WARNING, "a command still waits for the service; its socket files are removed");
     mFiles.RemoveAll();
   }
   mLink.Stop();
-  syslog(LOG_INFO, "stopped");
+  zel::service_client::Log(LOG_INFO, "stopped");
   return finished;
 }
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "tools/service_client/format.h"
+#include "tools/service_client/output.h"
 
 namespace zel::bridge {
 namespace {
@@ -106,9 +107,9 @@ void CommandIntake::Take(const zel::mqtt::Message& message) {
     // A reply goes only where the request says, and only to one topic: a
     // filter with wildcards is refused, and so the request is not answered.
     if (!zel::mqtt::PublishableTopic(topic)) {
-      syslog(LOG_WARNING,
-             "a command on %.*s names %s for its reply, where nothing can be published; it is not answered",
-             static_cast<int>(message.topic.size()), message.topic.data(), core::Shown(topic).c_str());
+      zel::service_client::Log(
+          LOG_WARNING, "a command on %.*s names %s for its reply, where nothing can be published; it is not answered",
+          static_cast<int>(message.topic.size()), message.topic.data(), core::Shown(topic).c_str());
       return;
     }
     pending.reply.topic = topic;

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "tools/service_client/output.h"
+
 // Everything of the session happens on this thread: its callbacks run inside
 // Step, and a callback that ends the connection only notes why (the session
 // cannot be destroyed from inside its own callback); Step ends it afterwards.
@@ -120,7 +122,8 @@ void MqttLink::Run() {
 }
 
 void MqttLink::Connect() {
-  syslog(LOG_INFO, "connecting to the broker at %s as %s", mBrokerUrl.c_str(), mSettings.connection.clientId.c_str());
+  zel::service_client::Log(LOG_INFO, "connecting to the broker at %s as %s", mBrokerUrl.c_str(),
+                           mSettings.connection.clientId.c_str());
   mqtt::Session::Listener& listener = *this;
   mSession = std::make_unique<mqtt::Session>(mSettings.connection, listener);
   std::string why;
@@ -153,16 +156,17 @@ void MqttLink::Lose(Loss loss, const std::string& why) {
   const milliseconds wait = takenOver ? mBackoff.TakenOver() : mBackoff.Next();
   mNextAttempt = zel::ipc::WaitDeadline(static_cast<uint64_t>(wait.count()) * kMicrosecondsPerMillisecond);
   if (takenOver) {
-    syslog(LOG_WARNING,
-           "the client id %s is already in use at the broker at %s: another client took the session over (a second box "
-           "with the id %s?); trying again in %u s",
-           mSettings.connection.clientId.c_str(), mBrokerUrl.c_str(), mSettings.id.c_str(), Seconds(wait));
+    zel::service_client::Log(
+        LOG_WARNING,
+        "the client id %s is already in use at the broker at %s: another client took the session over (a second box "
+        "with the id %s?); trying again in %u s",
+        mSettings.connection.clientId.c_str(), mBrokerUrl.c_str(), mSettings.id.c_str(), Seconds(wait));
   } else if (loss == Loss::Refused) {
-    syslog(LOG_WARNING, "the broker at %s refused %s; trying again in %u s", mBrokerUrl.c_str(), why.c_str(),
-           Seconds(wait));
+    zel::service_client::Log(LOG_WARNING, "the broker at %s refused %s; trying again in %u s", mBrokerUrl.c_str(),
+                             why.c_str(), Seconds(wait));
   } else {
-    syslog(LOG_WARNING, "%s the broker at %s: %s; trying again in %u s", wasOnline ? "lost" : "cannot reach",
-           mBrokerUrl.c_str(), why.c_str(), Seconds(wait));
+    zel::service_client::Log(LOG_WARNING, "%s the broker at %s: %s; trying again in %u s",
+                             wasOnline ? "lost" : "cannot reach", mBrokerUrl.c_str(), why.c_str(), Seconds(wait));
   }
 }
 
@@ -212,7 +216,7 @@ void MqttLink::StartOffline() {
     return;
   }
   mOfflineMid = mUnacknowledged.back().mid;
-  syslog(LOG_INFO, "stopping: \"offline\" published on %s", mTopics.Status().c_str());
+  zel::service_client::Log(LOG_INFO, "stopping: \"offline\" published on %s", mTopics.Status().c_str());
 }
 
 void MqttLink::FinishOffline() {
@@ -250,7 +254,8 @@ void MqttLink::PublishReplies() {
 void MqttLink::DropReplies() {
   Outgoing reply;
   while (mReplies.Pop(reply)) {
-    syslog(LOG_WARNING, "the reply to %s is dropped: not connected to the broker", reply.message.topic.c_str());
+    zel::service_client::Log(LOG_WARNING, "the reply to %s is dropped: not connected to the broker",
+                             reply.message.topic.c_str());
   }
 }
 
@@ -265,13 +270,14 @@ void MqttLink::PublishEvents() {
 void MqttLink::ReportDropped() {
   const uint64_t events = mEvents.TakeDropped();
   if (events != 0) {
-    syslog(LOG_WARNING, "%llu events dropped, the oldest first: the queue keeps %u while the broker is away",
-           static_cast<unsigned long long>(events), mSettings.queue);
+    zel::service_client::Log(LOG_WARNING,
+                             "%llu events dropped, the oldest first: the queue keeps %u while the broker is away",
+                             static_cast<unsigned long long>(events), mSettings.queue);
   }
   const uint64_t replies = mReplies.TakeDropped();
   if (replies != 0) {
-    syslog(LOG_WARNING, "%llu replies dropped, the oldest first: at most %zu wait for the broker",
-           static_cast<unsigned long long>(replies), ReplyOutbox::kMaxReplies);
+    zel::service_client::Log(LOG_WARNING, "%llu replies dropped, the oldest first: at most %zu wait for the broker",
+                             static_cast<unsigned long long>(replies), ReplyOutbox::kMaxReplies);
   }
 }
 
@@ -289,23 +295,26 @@ bool MqttLink::Send(const mqtt::Publication& message, int& mid) {
   if (rc == 0) return true;
   if (rc == mqtt::Session::kOversize) {
     ++mOversized;
-    syslog(LOG_ERR,
-           "dropped the message for %s: its payload of %zu bytes makes a packet larger than the broker takes (at most "
-           "%u bytes); %llu dropped for their size so far",
-           message.topic.c_str(), message.payload.size(), mSession->BrokerMaximumPacketSize(),
-           static_cast<unsigned long long>(mOversized));
+    zel::service_client::Log(
+        LOG_ERR,
+        "dropped the message for %s: its payload of %zu bytes makes a packet larger than the broker takes (at most "
+        "%u bytes); %llu dropped for their size so far",
+        message.topic.c_str(), message.payload.size(), mSession->BrokerMaximumPacketSize(),
+        static_cast<unsigned long long>(mOversized));
     return false;
   }
   ++mUnsent;
-  syslog(LOG_ERR, "dropped the message for %s: it cannot be published: %s; %llu dropped for such reasons so far",
-         message.topic.c_str(), mqtt::ErrorText(rc).c_str(), static_cast<unsigned long long>(mUnsent));
+  zel::service_client::Log(
+      LOG_ERR, "dropped the message for %s: it cannot be published: %s; %llu dropped for such reasons so far",
+      message.topic.c_str(), mqtt::ErrorText(rc).c_str(), static_cast<unsigned long long>(mUnsent));
   return false;
 }
 
 void MqttLink::ReportRefusal(const std::string& topic, int reason) {
   if (reason < mqtt::kFirstRefusal || mRefusalLogged) return;
   mRefusalLogged = true;
-  syslog(LOG_ERR, "the broker refused the publication on %s: %s", topic.c_str(), mqtt::ReasonText(reason).c_str());
+  zel::service_client::Log(LOG_ERR, "the broker refused the publication on %s: %s", topic.c_str(),
+                           mqtt::ReasonText(reason).c_str());
 }
 
 void MqttLink::OnConnected(int reason) {
@@ -314,7 +323,7 @@ void MqttLink::OnConnected(int reason) {
     mLostWhy = "the connection: " + mqtt::ReasonText(reason);
     return;
   }
-  syslog(LOG_INFO, "connected to the broker at %s", mBrokerUrl.c_str());
+  zel::service_client::Log(LOG_INFO, "connected to the broker at %s", mBrokerUrl.c_str());
   // The box's own status first, with what is retained there but without
   // its own publications; then the commands, without what is retained.
   mqtt::Session::SubscribeOptions status;
@@ -357,7 +366,8 @@ void MqttLink::GoOnline() {
   mService.TakeChanges();
   PublishService(mService.Current());
   mEvents.SetOnline(true);
-  syslog(LOG_INFO, "online: taking commands from %s and %s", mTopics.Command().c_str(), mTopics.AllCommand().c_str());
+  zel::service_client::Log(LOG_INFO, "online: taking commands from %s and %s", mTopics.Command().c_str(),
+                           mTopics.AllCommand().c_str());
 }
 
 void MqttLink::OnPublished(int mid, int reason) {

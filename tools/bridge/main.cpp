@@ -8,12 +8,12 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <string>
 
 #include "tools/bridge/bridge.h"
 #include "tools/bridge/settings.h"
 #include "tools/mqtt/session.h"
+#include "tools/service_client/output.h"
 #include "tools/service_client/runner.h"
 #include "util/stop_signals.h"
 
@@ -35,34 +35,24 @@ namespace core = zel::service_client;
   ::_exit(status);
 }
 
-const char kProgram[] = "kendrivex-bridge";
-
-void Write(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t written = ::write(fd, text.data() + done, text.size() - done);
-    if (written <= 0) return;
-    done += static_cast<size_t>(written);
-  }
-}
-
-int Report(const core::Failure& failure) {
-  Write(STDERR_FILENO, failure.Line(kProgram));
+// Reports `failure` on standard error; its status.
+int Fail(const core::Failure& failure) {
+  core::Report(failure);
   return failure.status;
 }
 
 int Run(const zel::bridge::Settings& settings) {
   core::Failure failure;
-  if (!core::CheckDirectory(settings.dir, true, failure)) return Report(failure);
+  if (!core::CheckDirectory(settings.dir, true, failure)) return Fail(failure);
   ::umask(core::SocketUmask(settings.dir));
   // Blocked before any thread starts, so that every thread inherits the
   // mask and the signals reach only the main thread's wait.
   const sigset_t signals = zel::util::StopSignals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   std::string why;
-  if (!zel::mqtt::InitLibrary(why)) return Report(core::Fail(core::kStatusLocal, kProgram, why));
+  if (!zel::mqtt::InitLibrary(why)) return Fail(core::Fail(core::kStatusLocal, "libmosquitto", why));
   zel::bridge::Bridge bridge(settings);
-  if (!bridge.Ok()) return Report(core::Fail(core::kStatusLocal, kProgram, "cannot make its descriptors"));
+  if (!bridge.Ok()) return Fail(core::Fail(core::kStatusLocal, "eventfd", "cannot make the link's wakeup"));
   if (!bridge.Run(signals)) {
     // A command still waits for a stuck service on the worker's thread; its
     // socket files are gone, and nothing else is left to wait for.
@@ -76,24 +66,26 @@ int Run(const zel::bridge::Settings& settings) {
 
 int main(int argc, char** argv) {
   signal(SIGPIPE, SIG_IGN);  // NOLINT(cert-err33-c): cannot fail for SIGPIPE
+  core::SetProgramName("kendrivex-bridge");
   zel::bridge::Invocation invocation;
   core::Failure failure;
-  if (!zel::bridge::ParseArguments(argc, argv, invocation, failure)) return Report(failure);
+  if (!zel::bridge::ParseArguments(argc, argv, invocation, failure)) return Fail(failure);
+  core::Output output;
   if (invocation.mode == zel::bridge::Invocation::Mode::Help) {
-    Write(STDOUT_FILENO, zel::bridge::HelpText());
-    return core::kStatusOk;
+    output.Write(zel::bridge::HelpText());
+    return core::Finish(output, core::kStatusOk);
   }
   if (invocation.mode == zel::bridge::Invocation::Mode::Version) {
-    Write(STDOUT_FILENO, zel::bridge::VersionText());
-    return core::kStatusOk;
+    output.Write(zel::bridge::VersionText());
+    return core::Finish(output, core::kStatusOk);
   }
-  openlog(kProgram, invocation.settings.verbose ? LOG_PERROR : 0, LOG_DAEMON);
-  // Without --verbose the IPC client's records of each request, reply and
-  // event (LOG_DEBUG) are left out: each would be formatted and sent for
-  // every command and event, where the bridge's own lifecycle records, its
-  // warnings and errors always go.
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): set on the main thread before any other starts
-  if (!invocation.settings.verbose) setlogmask(LOG_UPTO(LOG_INFO));
-  for (const std::string& warning : invocation.warnings) syslog(LOG_WARNING, "%s", warning.c_str());
+  // Without -v the IPC client's records of each request, reply and event
+  // (LOG_DEBUG) stay out of the system log: each would be formatted and sent
+  // for every command and event, where the bridge's own lifecycle records,
+  // its warnings and errors always go. What reaches standard error is the
+  // core's rule: warnings and errors when it is a terminal, the bridge's
+  // messages with -v, the IPC client's records too with -v -v.
+  core::OpenLog(LOG_DAEMON, invocation.verbosity, LOG_UPTO(LOG_INFO));
+  for (const std::string& warning : invocation.warnings) core::Log(LOG_WARNING, "%s", warning.c_str());
   return Run(invocation.settings);
 }

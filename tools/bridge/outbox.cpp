@@ -6,6 +6,8 @@
 
 #include <algorithm>
 
+#include "tools/service_client/output.h"
+
 namespace zel::bridge {
 namespace {
 
@@ -111,7 +113,7 @@ void EventOutbox::Trim() {
   // Said once for each run of drops; the link reports how many when it
   // publishes again.
   if (mDropped == 0) {
-    syslog(LOG_WARNING, "more than %zu events wait for the broker; dropping the oldest", bound);
+    zel::service_client::Log(LOG_WARNING, "more than %zu events wait for the broker; dropping the oldest", bound);
   }
   for (size_t i = 0; i < excess; ++i) mEvents.pop_front();
   mDropped += excess;

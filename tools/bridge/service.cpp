@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "tools/service_client/format.h"
+#include "tools/service_client/output.h"
 #include "util/decimal_text.h"
 
 namespace zel::bridge {
@@ -61,7 +62,7 @@ void ServiceState::Set(Value value) {
     mValue = value;
     mChanges.push_back(value);
   }
-  syslog(LOG_INFO, "the service at %s is %s", mServicePath.c_str(), Text(value));
+  zel::service_client::Log(LOG_INFO, "the service at %s is %s", mServicePath.c_str(), Text(value));
   mWakeup.Notify();
 }
 
@@ -133,7 +134,8 @@ bool ServiceWatch::SetUp(core::Watch& watch) {
   mService.Set(ServiceState::Value::Down);
   const std::string line = failure.what + ": " + failure.why;
   if (line != mLastFailure) {
-    syslog(LOG_WARNING, "cannot watch the service's events: %s; trying again every second", line.c_str());
+    zel::service_client::Log(LOG_WARNING, "cannot watch the service's events: %s; trying again every second",
+                             line.c_str());
     mLastFailure = line;
   }
   return false;
@@ -198,7 +200,8 @@ size_t RemoveStaleSocketFiles(const std::string& dir) {
   }
   ::closedir(stream);
   if (removed != 0) {
-    syslog(LOG_INFO, "removed %zu socket files in %s that ended processes had left", removed, dir.c_str());
+    zel::service_client::Log(LOG_INFO, "removed %zu socket files in %s that ended processes had left", removed,
+                             dir.c_str());
   }
   return removed;
 }

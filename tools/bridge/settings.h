@@ -2,9 +2,10 @@
 // the service, the broker and how to reach it, the box's name, what it
 // accepts from the broker and how it behaves while the broker or the service
 // is away, from the command line and the configuration file ("name = value"
-// lines with the long option names; the command line wins), with the
-// defaults of the environment (KENDRIVEX_SERVICE, KENDRIVEX_DIR, TMPDIR) and
-// the host name, and the --help and --version texts. The topics, where P is
+// lines with the long option names; the command line wins), read by the
+// client core's option machinery, with the defaults of the environment
+// (KENDRIVEX_SERVICE, KENDRIVEX_DIR, TMPDIR, KENDRIVEX_BROKER) and the host
+// name, and the --help and --version texts. The topics, where P is
 // PREFIX/ID: P/status, P/service, P/event/N, P/cmd, P/reply, and
 // PREFIX/all/cmd for commands to every box. Plain values filled once at
 // start, on the main thread before any other starts (getopt_long keeps
@@ -90,6 +91,7 @@ struct Invocation {
 
   Mode mode = Mode::Run;
   Settings settings;
+  unsigned verbosity = 0;  // how often -v was given (or "verbose = yes": 1)
   // What the settings allow but an operator should hear of (a password file
   // others may read, a password sent in the clear).
   std::vector<std::string> warnings;

@@ -34,11 +34,6 @@
 namespace zel::service_client {
 namespace {
 
-// The texts of the runner's own messages; they keep the names of the
-// functions where they began, since log readers match them.
-constexpr char kRetireText[] = "void zel::ctl::ClientSupply::Retire()";
-constexpr char kMoveText[] = "bool zel::ctl::ClientSupply::MoveToPrivateDirectory(zel::ctl::Failure&)";
-
 // mkdtemp's pattern below the given directory; short, so that socket paths
 // still fit.
 const char kPrivatePattern[] = "/ctl-XXXXXX";

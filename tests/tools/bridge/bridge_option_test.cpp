@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "kdx_test_paths.h"
+#include "tests/support/pty_process.h"
 #include "tests/support/syslog_file.h"
 #include "tests/tools/bridge/bridge_test.h"
 
@@ -284,9 +285,11 @@ TEST_F(BridgeOptionTest, PasswordFileThatCannotHoldAPasswordEndsTheBridgeWithOne
 TEST_F(BridgeOptionTest, PasswordFileOthersMayReadAndAPasswordInTheClearAreWarnedOf) {
   const std::string password = WriteFile("password", "pw\n");
   ::chmod(password.c_str(), 0644);
-  // A broker on another machine (a documentation address: never reached,
-  // the bridge is stopped first).
-  StartBridge({"-b", "mqtt://192.0.2.1:1", "--username", "box1", "--password-file", password});
+  // A broker on another machine, never reached: the warnings come at start,
+  // and the missing directory ends the bridge before it connects anywhere.
+  const Result result = RunBare({"-s", ServicePath(), "-d", dir.File("missing"), "-b", "mqtt://192.0.2.1:1",
+                                 "--username", "box1", "--password-file", password});
+  EXPECT_EQ(result.exitCode, 4) << result.err;
   EXPECT_TRUE(WaitForLog("permissions 0644 for the password file " + password +
                          " are too open: it should be readable by its owner alone (chmod 600 " + password + ")"));
   EXPECT_TRUE(
@@ -314,6 +317,53 @@ TEST_F(BridgeOptionTest, StaleSocketFilesOfEndedProcessesAreRemovedAtStart) {
   StartOnline();
   EXPECT_TRUE(WaitForLog("removed 2 socket files in " + dir.path() + " that ended processes had left"));
   EXPECT_EQ(::access(stale.c_str(), F_OK), -1);
+}
+
+TEST_F(BridgeOptionTest, OnATerminalWarningsReachStandardErrorWithoutVerbose) {
+  // Standard error a terminal, as for an operator who runs it by hand; no
+  // broker there.
+  ::zel::test::PtyProcess::Options options;
+  options.env = {"KENDRIVEX_SERVICE=", "KENDRIVEX_DIR="};
+  ::zel::test::PtyProcess terminal(Command({}), options);
+  EXPECT_TRUE(terminal.WaitForOutput("kendrivex-bridge: cannot reach the broker at " + broker.Url() +
+                                     ": connection refused; trying again in 1 s"));
+  // Its lifecycle records stay in the system log alone.
+  EXPECT_EQ(terminal.Output().find("connecting to the broker"), std::string::npos) << terminal.Output();
+  terminal.Signal(SIGTERM);
+  EXPECT_EQ(terminal.WaitForExit(), std::optional<int>(0));
+}
+
+TEST_F(BridgeOptionTest, VerboseTwiceCopiesTheClientLibrarysRecordsToStandardErrorToo) {
+  StartBroker();
+  StartFake();
+  PipeProcess::Options uncaptured;
+  uncaptured.env = {"KENDRIVEX_SERVICE=", "KENDRIVEX_DIR="};
+  auto status = Client({Topic("status")});
+  bridge = std::make_unique<PipeProcess>(Command({"-v", "-v"}), uncaptured);
+  ASSERT_TRUE(WaitForStatus(*status, "online")) << bridge->Err();
+  ASSERT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));
+  EXPECT_TRUE(bridge->WaitForErr("kendrivex-bridge: client snd [1]")) << bridge->Err();
+  // The bridge's own messages once each, not a second time through the C
+  // library's copy.
+  const std::string online = "kendrivex-bridge: online: taking commands from ";
+  const std::string err = bridge->Err();
+  ASSERT_NE(err.find(online), std::string::npos) << err;
+  EXPECT_EQ(err.find(online, err.find(online) + 1), std::string::npos) << err;
+}
+
+TEST_F(BridgeOptionTest, VerboseOnceCopiesTheBridgesMessagesButNotTheClientLibrarys) {
+  StartBroker();
+  StartFake();
+  PipeProcess::Options uncaptured;
+  uncaptured.env = {"KENDRIVEX_SERVICE=", "KENDRIVEX_DIR="};
+  auto status = Client({Topic("status")});
+  bridge = std::make_unique<PipeProcess>(Command({"-v"}), uncaptured);
+  ASSERT_TRUE(WaitForStatus(*status, "online")) << bridge->Err();
+  ASSERT_EQ(Ask("ping"), AnsweredPayload("ping", 1, {"PONG"}));
+  EXPECT_TRUE(bridge->WaitForErr("kendrivex-bridge: online: taking commands from ")) << bridge->Err();
+  ExpectCleanStop(SIGTERM, std::chrono::seconds(2));
+  EXPECT_EQ(bridge->Err().find("client snd"), std::string::npos) << bridge->Err();
+  EXPECT_EQ(bridge->Err().find("zel::"), std::string::npos) << bridge->Err();
 }
 
 }  // namespace

@@ -213,8 +213,8 @@ TEST_F(LinkTest, RefusedConnectionEndsTheLinkWithTheBrokersReason) {
 TEST_F(LinkTest, BrokerThatDoesNotAnswerIsGivenUpAfterTheConnectTimeout) {
   ASSERT_TRUE(broker.Start());
   broker.Pause();
-  ASSERT_TRUE(link.Start(why)) << why;
   const auto start = Link::Clock::now();
+  ASSERT_TRUE(link.Start(why)) << why;
   EXPECT_EQ(Until([this] { return link.Up(); }), Waited::Gone);
   broker.Resume();
   EXPECT_EQ(why, "no answer within 2000 ms");

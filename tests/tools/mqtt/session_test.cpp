@@ -215,7 +215,12 @@ TEST_F(SessionTest, SessionTakenOverIsALostConnectionAndItsWillGoesOutWithItsUse
   EXPECT_FALSE(session.TakenOver());
   EXPECT_EQ(why, "the connection was lost");
 
-  Session later(settings, recorder);
+  // Another client reads what the will left retained; the one that took
+  // the session over stays connected.
+  ConnectionSettings reader = settings;
+  reader.clientId = "session-test-reader";
+  reader.will.reset();
+  Session later(reader, recorder);
   ASSERT_TRUE(Connect(later)) << why;
   int mid = 0;
   ASSERT_TRUE(later.Subscribe({"k/box1/status"}, Session::SubscribeOptions(), mid, why));
