@@ -26,6 +26,12 @@ fleet_tracked_pids=()
 fleet_box_sim_options=()
 fleet_page_url=""
 fleet_web_pid=""
+# How many boxes fleet_start has started: a second call numbers its boxes on
+# from there, so that two sites of a federation hold box1..boxN between them.
+fleet_count=0
+# The port of the broker the next fleet_start connects its bridges to, when
+# it is not the broker of start_broker (a site broker of a federation).
+fleet_box_broker_port=""
 
 # fleet_init <bridge> <simulator> [dir]: the programs to run and where the
 # boxes go (a new temporary directory, removed at the end, unless given).
@@ -51,14 +57,17 @@ fleet_socket_or_end() { [ -S "$1" ] || ! kill -0 "$2" 2>/dev/null; }
 # fleet_start <count> <prefix> [bridge options...]: starts <count>
 # simulators (no log; no events, unless the script's fleet_sim_options_of
 # says otherwise for the box) and then their bridges, box<i> below
-# <prefix> on the broker of start_broker, each bridge's standard error in its
-# box's bridge.err. All simulators start before the first socket is waited
-# for: start_sim (scripts/lib/sim.sh) waits for each in turn, 50 ms a box.
-# Returns once every simulator serves; the bridges connect on their own.
+# <prefix> on the broker of start_broker (or of fleet_box_broker_port), each
+# bridge's standard error in its box's bridge.err. All simulators start
+# before the first socket is waited for: start_sim (scripts/lib/sim.sh) waits
+# for each in turn, 50 ms a box. Returns once every simulator serves; the
+# bridges connect on their own.
 fleet_start() {
-  local count=$1 prefix=$2 i box
+  local first=$((fleet_count + 1)) last=$((fleet_count + $1)) prefix=$2 i box
+  local port=${fleet_box_broker_port:-$broker_port}
   shift 2
-  for ((i = 1; i <= count; i++)); do
+  fleet_count=$last
+  for ((i = first; i <= last; i++)); do
     box="$fleet_dir/box$i"
     mkdir -p "$box"
     fleet_box_sim_options=()
@@ -66,16 +75,16 @@ fleet_start() {
     "$fleet_sim" --log /dev/null --event-interval 0 "${fleet_box_sim_options[@]}" "$box/svc" &
     fleet_sim_pids+=("$!")
   done
-  for ((i = 1; i <= count; i++)); do
+  for ((i = first; i <= last; i++)); do
     if ! wait_until 20 fleet_socket_or_end "$fleet_dir/box$i/svc" "${fleet_sim_pids[i - 1]}" ||
       [ ! -S "$fleet_dir/box$i/svc" ]; then
       echo "the simulator of box$i did not start" >&2
       return 1
     fi
   done
-  for ((i = 1; i <= count; i++)); do
+  for ((i = first; i <= last; i++)); do
     box="$fleet_dir/box$i"
-    "$fleet_bridge" -b "mqtt://127.0.0.1:$broker_port" -s "$box/svc" -d "$box" -p "$prefix" -i "box$i" "$@" \
+    "$fleet_bridge" -b "mqtt://127.0.0.1:$port" -s "$box/svc" -d "$box" -p "$prefix" -i "box$i" "$@" \
       2>>"$box/bridge.err" &
     fleet_bridge_pids+=("$!")
   done
@@ -132,6 +141,7 @@ fleet_stop() {
   fleet_bridge_pids=()
   stop_pids "${fleet_sim_pids[@]}"
   fleet_sim_pids=()
+  fleet_count=0
   stop_pids "${fleet_tracked_pids[@]}"
   fleet_tracked_pids=()
   stop_broker
