@@ -25,15 +25,8 @@ int main(int argc, char** argv) {
     core::Report(failure);
     return failure.status;
   }
-  core::Output output;
-  if (invocation.mode == zel::fleet::Invocation::Mode::Help) {
-    output.Write(zel::fleet::HelpText());
-    return core::Finish(output, core::kStatusOk);
-  }
-  if (invocation.mode == zel::fleet::Invocation::Mode::Version) {
-    output.Write(zel::fleet::VersionText());
-    return core::Finish(output, core::kStatusOk);
-  }
+  if (invocation.mode == zel::fleet::Invocation::Mode::Help) return core::PrintText(zel::fleet::HelpText());
+  if (invocation.mode == zel::fleet::Invocation::Mode::Version) return core::PrintText(zel::fleet::VersionText());
   // The operator's own messages (a broker lost and found again by watch)
   // reach standard error when it is a terminal, or with -v; the MQTT
   // library's records only with -v.
@@ -44,6 +37,7 @@ int main(int argc, char** argv) {
     core::Report(core::Fail(core::kStatusLocal, core::ProgramName(), why));
     return core::kStatusLocal;
   }
+  core::Output output;
   const int status = zel::fleet::Perform(invocation, output);
   zel::mqtt::CleanupLibrary();
   return core::Finish(output, status);
