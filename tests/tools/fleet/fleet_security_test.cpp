@@ -14,6 +14,7 @@ namespace zel::fleet::test {
 namespace {
 
 using ::zel::test::MakePasswordFile;
+using ::zel::test::RunHostTool;
 using ::zel::test::TestCertificates;
 
 // The README's access control, under the test's prefix.
@@ -93,6 +94,104 @@ TEST_F(FleetSecurityTest, ForgetThatTheAccessRulesRefuseSaysSoAndExits3) {
   const Result result =
       Fleet({"--username", "clerk", "--password-file", WriteFile("clerk.password", "cl-pw\n"), "forget", "box2"});
   EXPECT_EQ(result.err, ErrorLine("box2", "cannot clear it: the broker refused it: not authorized (0x87)"));
+  EXPECT_EQ(result.exitCode, 3);
+}
+
+// The dynamic-security plugin, unlike an ACL file, refuses subscriptions
+// (SUBACK 0x87): here the operator may send commands and read the statuses,
+// but neither the replies nor the events.
+class FleetRefusedSubscriptionTest : public FleetTest {
+ protected:
+  void SetUp() override {
+    const std::string config = dir.File("dynsec.json");
+    ASSERT_TRUE(RunHostTool({"mosquitto_ctrl", "dynsec", "init", config, "admin", "adminpw"}));
+    broker.AddConfig({"allow_anonymous false", "plugin /usr/lib/x86_64-linux-gnu/mosquitto_dynamic_security.so",
+                      "plugin_opt_config_file " + config});
+    StartBroker();
+    const std::vector<std::string> control = {
+        "mosquitto_ctrl", "-h", "127.0.0.1", "-p",    std::to_string(broker.Port()), "-u",
+        "admin",          "-P", "adminpw",   "dynsec"};
+    const std::vector<std::vector<std::string>> steps = {
+        {"createClient",       "box1",      "-p",                           "pw1"},
+        {"createRole",                    "box"                   },
+        {"addRoleACL",         "box",       "publishClientSend",                          "kdx/box1/#", "allow"},
+        {"addRoleACL",             "box",                        "subscribePattern",            "kdx/box1/#", "allow"},
+        {"addRoleACL",  "box","subscribePattern",                                           "kdx/all/cmd", "allow"},
+        {"addClientRole",         "box1",              "box"},
+        {"createClient",             "operator",                        "-p",                                                 "op-pw"},
+        {"createRole",               "operator"            },
+        {"addRoleACL",                "operator","publishClientSend",                                        "kdx/#", "allow"},
+        {"addRoleACL","operator","subscribePattern",                                         "kdx/+/status", "allow"},
+        {"addRoleACL", "operator",         "subscribePattern","kdx/+/service", "allow"},
+        {"addRoleACL",         "operator",               "subscribePattern",              "kdx/all/sync/#", "allow"},
+        {"addClientRole",             "operator",                        "operator"},
+    };
+    for (const std::vector<std::string>& step : steps) {
+      std::vector<std::string> argv = control;
+      argv.insert(argv.end(), step.begin(), step.end());
+      ASSERT_TRUE(RunHostTool(argv));
+    }
+    login.username = "operator";
+    login.password = "op-pw";
+    StartBox("box1", {}, {"--username", "box1", "--password-file", WriteFile("box1.password", "pw1\n")});
+    operatorLogin = {"--username", "operator", "--password-file", WriteFile("operator.password", "op-pw\n")};
+  }
+
+  // kendrivex-fleet as the operator, then `args`.
+  Result AsOperator(std::vector<std::string> args) const {
+    args.insert(args.begin(), operatorLogin.begin(), operatorLogin.end());
+    return Fleet(args);
+  }
+
+  std::vector<std::string> operatorLogin;
+};
+
+TEST_F(FleetRefusedSubscriptionTest, LsReadsTheStatusesItMaySubscribeTo) {
+  const Result result = AsOperator({"ls"});
+  EXPECT_EQ(result.out, "box1\tonline\tup\n");
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
+// `text` with the run's identifier (16 hexadecimal digits after
+// "kdx/+/reply/") put as RUN, so that it can be compared.
+std::string WithoutRunId(std::string text) {
+  const std::string before = "kdx/+/reply/";
+  for (size_t at = text.find(before); at != std::string::npos; at = text.find(before, at + 1)) {
+    text.replace(at + before.size(), 16, "RUN");
+  }
+  return text;
+}
+
+TEST_F(FleetRefusedSubscriptionTest, RunWhoseRepliesAreRefusedReportsEveryBoxAndExits3) {
+  const Result result = AsOperator({"run", "all", "ping"});
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(WithoutRunId(result.err),
+            "kendrivex-fleet: box1: cannot take replies: the broker refused the subscription to kdx/+/reply/RUN: not "
+            "authorized (0x87)\n"
+            "kendrivex-fleet: 1 box expected: 0 answered with success, 0 answered otherwise, 1 did not answer\n");
+  EXPECT_EQ(result.exitCode, 3);
+}
+
+TEST_F(FleetRefusedSubscriptionTest, RunOfOneBoxWhoseRepliesAreRefusedPrintsItsErrorObject) {
+  const Result result = AsOperator({"-j", "run", "box1", "ping"});
+  EXPECT_EQ(WithoutRunId(result.out),
+            "{\"box\":\"box1\",\"status\":3,\"error\":\"cannot take replies: the broker refused the subscription to "
+            "kdx/+/reply/RUN: not authorized (0x87)\"}\n");
+  EXPECT_EQ(result.exitCode, 3) << result.err;
+}
+
+TEST_F(FleetRefusedSubscriptionTest, WatchWhoseEventsAreRefusedSaysSoAndExits3) {
+  const Result result = AsOperator({"watch"});
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err,
+            ErrorLine(broker.Url(), "the broker refused the subscription to kdx/+/event/#: not authorized (0x87)"));
+  EXPECT_EQ(result.exitCode, 3);
+}
+
+TEST_F(FleetRefusedSubscriptionTest, WatchOfOneBoxWhoseEventsAreRefusedSaysSoAndExits3) {
+  const Result result = AsOperator({"watch", "--box", "box1"});
+  EXPECT_EQ(result.err,
+            ErrorLine(broker.Url(), "the broker refused the subscription to kdx/box1/event/#: not authorized (0x87)"));
   EXPECT_EQ(result.exitCode, 3);
 }
 
