@@ -184,19 +184,39 @@ void SocketFiles::RemoveAll() {
   mDirectories.clear();
 }
 
+namespace {
+
+// Removes one directory entry if it is a client's socket whose process has ended.
+bool RemoveIfStale(const std::string& dir, const char* name) {
+  const pid_t pid = ClientPid(name);
+  // Signal 0 only asks whether the process is there.
+  if (pid <= 0 || ::kill(pid, 0) == 0 || errno != ESRCH) return false;
+  const std::string path = dir + "/" + name;
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode) && ::unlink(path.c_str()) == 0;
+}
+
+}  // namespace
+
 size_t RemoveStaleSocketFiles(const std::string& dir) {
   DIR* stream = ::opendir(dir.c_str());
   if (stream == nullptr) return 0;
   size_t removed = 0;
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): one stream, read on one thread
-  while (const dirent* entry = ::readdir(stream)) {
-    const pid_t pid = ClientPid(entry->d_name);
-    // Signal 0 only asks whether the process is there.
-    if (pid <= 0 || ::kill(pid, 0) == 0 || errno != ESRCH) continue;
-    const std::string path = dir + "/" + entry->d_name;
-    struct stat info {};
-    if (::lstat(path.c_str(), &info) != 0 || !S_ISSOCK(info.st_mode) || ::unlink(path.c_str()) != 0) continue;
-    ++removed;
+  int error = 0;
+  for (;;) {
+    // readdir() tells its end from an error only through errno.
+    errno = 0;
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): one stream, read on one thread
+    const dirent* entry = ::readdir(stream);
+    if (entry == nullptr) {
+      error = errno;
+      break;
+    }
+    if (RemoveIfStale(dir, entry->d_name)) ++removed;
+  }
+  if (error != 0) {
+    zel::service_client::Log(LOG_WARNING, "cannot read the socket directory %s: %s", dir.c_str(),
+                             std::strerror(error));
   }
   ::closedir(stream);
   if (removed != 0) {

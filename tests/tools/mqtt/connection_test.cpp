@@ -20,6 +20,30 @@ namespace {
 
 using ::zel::test::TempDir;
 
+// Run as root, takes the effective user id of "nobody" for its lifetime, with
+// the directory opened to it, so that file permissions apply as they do to an
+// ordinary user.
+class UnprivilegedWhileRoot {
+ public:
+  explicit UnprivilegedWhileRoot(const std::string& dir) : mDir(dir), mRoot(::geteuid() == 0) {
+    if (!mRoot) return;
+    EXPECT_EQ(::chmod(mDir.c_str(), 0755), 0);
+    EXPECT_EQ(::seteuid(kNobody), 0);
+  }
+  ~UnprivilegedWhileRoot() {
+    if (!mRoot) return;
+    EXPECT_EQ(::seteuid(0), 0);
+    ::chmod(mDir.c_str(), 0700);
+  }
+  UnprivilegedWhileRoot(const UnprivilegedWhileRoot&) = delete;
+  UnprivilegedWhileRoot& operator=(const UnprivilegedWhileRoot&) = delete;
+
+ private:
+  static constexpr uid_t kNobody = 65534;
+  std::string mDir;
+  bool mRoot;
+};
+
 class ConnectionTest : public ::testing::Test {
  protected:
   std::string Write(const std::string& name, const std::string& text, mode_t mode = 0600) {
@@ -129,9 +153,14 @@ TEST_F(ConnectionTest, PasswordFileThatIsMissingOrUnreadableIsRefused) {
   Set("username", "box1");
   Set("password-file", dir.File("missing"));
   EXPECT_EQ(Checked(), "--password-file: " + dir.File("missing") + ": No such file or directory");
-  if (::geteuid() == 0) GTEST_SKIP() << "root reads every file";
   Set("password-file", Write("locked", "pw\n", 0));
-  EXPECT_EQ(Checked(), "--password-file: " + dir.File("locked") + ": Permission denied");
+  // Root reads every file, so the check runs as an ordinary user then.
+  std::string checked;
+  {
+    const UnprivilegedWhileRoot user(dir.path());
+    checked = Checked();
+  }
+  EXPECT_EQ(checked, "--password-file: " + dir.File("locked") + ": Permission denied");
 }
 
 TEST_F(ConnectionTest, PasswordFileWhoseFirstLineIsLongerThan64KbIsRefused) {
