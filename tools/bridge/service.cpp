@@ -215,8 +215,7 @@ size_t RemoveStaleSocketFiles(const std::string& dir) {
     if (RemoveIfStale(dir, entry->d_name)) ++removed;
   }
   if (error != 0) {
-    zel::service_client::Log(LOG_WARNING, "cannot read the socket directory %s: %s", dir.c_str(),
-                             std::strerror(error));
+    zel::service_client::Log(LOG_WARNING, "cannot read the socket directory %s: %s", dir.c_str(), std::strerror(error));
   }
   ::closedir(stream);
   if (removed != 0) {
