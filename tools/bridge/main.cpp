@@ -70,15 +70,8 @@ int main(int argc, char** argv) {
   zel::bridge::Invocation invocation;
   core::Failure failure;
   if (!zel::bridge::ParseArguments(argc, argv, invocation, failure)) return Fail(failure);
-  core::Output output;
-  if (invocation.mode == zel::bridge::Invocation::Mode::Help) {
-    output.Write(zel::bridge::HelpText());
-    return core::Finish(output, core::kStatusOk);
-  }
-  if (invocation.mode == zel::bridge::Invocation::Mode::Version) {
-    output.Write(zel::bridge::VersionText());
-    return core::Finish(output, core::kStatusOk);
-  }
+  if (invocation.mode == zel::bridge::Invocation::Mode::Help) return core::PrintText(zel::bridge::HelpText());
+  if (invocation.mode == zel::bridge::Invocation::Mode::Version) return core::PrintText(zel::bridge::VersionText());
   // Without -v the IPC client's records of each request, reply and event
   // (LOG_DEBUG) stay out of the system log: each would be formatted and sent
   // for every command and event, where the bridge's own lifecycle records,

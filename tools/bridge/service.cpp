@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "tools/service_client/failure.h"
 #include "tools/service_client/format.h"
 #include "tools/service_client/output.h"
 #include "util/decimal_text.h"
@@ -215,7 +216,8 @@ size_t RemoveStaleSocketFiles(const std::string& dir) {
     if (RemoveIfStale(dir, entry->d_name)) ++removed;
   }
   if (error != 0) {
-    zel::service_client::Log(LOG_WARNING, "cannot read the socket directory %s: %s", dir.c_str(), std::strerror(error));
+    zel::service_client::Log(LOG_WARNING, "cannot read the socket directory %s: %s", dir.c_str(),
+                             zel::service_client::ErrorText(error).c_str());
   }
   ::closedir(stream);
   if (removed != 0) {

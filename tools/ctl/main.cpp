@@ -122,14 +122,11 @@ int main(int argc, char** argv) {
     zel::service_client::Report(failure);
     return failure.status;
   }
-  Output output;
   switch (invocation.mode) {
     case Invocation::Mode::Help:
-      output.Write(zel::ctl::HelpText());
-      return zel::service_client::Finish(output, zel::service_client::kStatusOk);
+      return zel::service_client::PrintText(zel::ctl::HelpText());
     case Invocation::Mode::Version:
-      output.Write(zel::ctl::VersionText());
-      return zel::service_client::Finish(output, zel::service_client::kStatusOk);
+      return zel::service_client::PrintText(zel::ctl::VersionText());
     case Invocation::Mode::OneShot:
     case Invocation::Mode::Batch:
     case Invocation::Mode::Watch:
@@ -139,6 +136,7 @@ int main(int argc, char** argv) {
   // For the whole run: the IPC client makes its socket again whenever it
   // finds the service restarted.
   const mode_t programUmask = ::umask(zel::service_client::SocketUmask(invocation.settings.dir));
+  Output output;
   int status = zel::service_client::kStatusOk;
   if (invocation.mode == Invocation::Mode::Watch) {
     status = zel::ctl::RunWatch(invocation, output, programUmask);

@@ -66,6 +66,12 @@ int Finish(const Output& output, int status) {
   return kStatusLocal;
 }
 
+int PrintText(const std::string& text) {
+  Output output;
+  output.Write(text);
+  return Finish(output, kStatusOk);
+}
+
 void OpenLog(int facility, unsigned verbosity, int quietMask) {
   gVerbosity = verbosity;
   gErrorIsTerminal = ::isatty(STDERR_FILENO) == 1;

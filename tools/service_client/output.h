@@ -60,6 +60,9 @@ void Warn(const std::string& text);
 // would have (the program ignores it, so that its clean-up is done first);
 // any other failed write is a local failure, reported.
 int Finish(const Output& output, int status);
+// Writes `text` (the help, the version) to standard output and returns the
+// exit status as Finish does, 0 when it was written.
+int PrintText(const std::string& text);
 
 // Opens the system log under the program's name with `facility`, for
 // `verbosity` (how often -v was given), with `quietMask` (a setlogmask mask)
