@@ -3,12 +3,17 @@
 // works because each reply's topic lies inside its box's own; a refused
 // login, a sync marker the access rules refuse, a password file others may
 // read; and TLS with the broker's certificate verified and a client's.
+#include <signal.h>
+
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tests/support/mqtt_credentials.h"
+#include "tests/support/wait_until.h"
 #include "tests/tools/fleet/fleet_program_test.h"
+#include "tests/tools/fleet/web_client.h"
 
 namespace zel::fleet::test {
 namespace {
@@ -193,6 +198,29 @@ TEST_F(FleetRefusedSubscriptionTest, WatchOfOneBoxWhoseEventsAreRefusedSaysSoAnd
   EXPECT_EQ(result.err,
             ErrorLine(broker.Url(), "the broker refused the subscription to kdx/box1/event/#: not authorized (0x87)"));
   EXPECT_EQ(result.exitCode, 3);
+}
+
+// The page's runs meet the same refusal: each box is answered with status 3
+// and the reason, and the program goes on serving.
+TEST_F(FleetRefusedSubscriptionTest, WebRunWhoseRepliesAreRefusedAnswersEachBoxWithItsReason) {
+  std::vector<std::string> args = operatorLogin;
+  for (const char* arg : {"web", "--listen", "127.0.0.1:0"}) args.emplace_back(arg);
+  const std::unique_ptr<PipeProcess> web = StartFleet(args);
+  ASSERT_TRUE(web->WaitForOutLines(1)) << web->Err();
+  const std::string out = web->Out();
+  const WebClient client("127.0.0.1", std::stoi(out.substr(out.rfind(':') + 1)));
+  const std::string listed = R"([{"box":"box1","status":"online","service":"up"}])";
+  ASSERT_TRUE(::zel::test::WaitUntil([&] { return client.Get("/api/boxes").body == listed; }, std::chrono::seconds(10),
+                                     std::chrono::milliseconds(20)));
+  const WebAnswer answer =
+      client.Post("/api/run", R"({"target":"all","command":"ping","timeout":2000})", "application/json");
+  EXPECT_EQ(answer.status, 200);
+  EXPECT_EQ(WithoutRunId(answer.body),
+            "[{\"box\":\"box1\",\"status\":3,\"error\":\"cannot take replies: the broker refused the subscription to "
+            "kdx/+/reply/RUN: not authorized (0x87)\"}]");
+  EXPECT_EQ(client.Get("/api/boxes").body, listed);
+  web->Signal(SIGTERM);
+  EXPECT_EQ(web->Finish().exitCode, 0);
 }
 
 TEST_F(FleetSecurityTest, PasswordFileOthersMayReadGetsAWarning) {
