@@ -578,6 +578,35 @@ TEST_F(FleetWebTest, RunsBeyondFourAtOnceAreRefused) {
   EXPECT_EQ(client.Post("/api/run", PingBody(R"("quiet")", 100), "application/json").status, 200);
 }
 
+TEST_F(FleetWebTest, RunWhileTheBrokerIsAwayIsRefusedWithTheReason) {
+  StartBroker();
+  StartWeb();
+  EventReader reader(port);
+  ASSERT_GE(reader.WaitFor([](const StreamMessage& message) { return message.event == "snapshot"; }), 0);
+  ASSERT_TRUE(broker.Stop());
+  ASSERT_GE(reader.WaitFor([](const StreamMessage& message) {
+    return message.event == "link" && message.data == R"({"broker":"down"})";
+  }),
+            0);
+  const WebAnswer refused = Client().Post("/api/run", PingBody(R"("all")", 100), "application/json");
+  EXPECT_EQ(refused.status, 503);
+  EXPECT_EQ(refused.body, R"({"error":"no connection to the broker at )" + broker.Url() + R"("})");
+}
+
+// The broker stops answering after the run was asked for: the run is given
+// up once its time-out and the program's have passed.
+TEST_F(FleetWebTest, RunThatTheBrokerNeverAcknowledgesIsGivenUp) {
+  StartBroker();
+  Play("quiet");
+  StartWeb({"--listen", "127.0.0.1:0"}, {"-t", "300"});
+  ASSERT_TRUE(WaitForBoxes(R"([{"box":"quiet","status":"online","service":null}])"));
+  broker.Pause();
+  const WebAnswer given = Client().Post("/api/run", PingBody(R"("all")", 200), "application/json");
+  broker.Resume();
+  EXPECT_EQ(given.status, 503);
+  EXPECT_EQ(given.body, R"({"error":"cannot run it: the broker did not answer in time"})");
+}
+
 // ---- Security ----------------------------------------------------------
 
 TEST_F(FleetWebTest, WithAPasswordEveryRequestGivesIt) {
