@@ -288,6 +288,9 @@ TEST_F(FleetWebTest, StreamBeginsWithTheSnapshotThenSendsWhatChanges) {
   StartBox("box1", {"--event-interval", "200", "--event-id", "7", "--event-text", "link up"});
   StartBox("box2");
   StartWeb();
+  // The page's address comes before the broker's connection: a stream
+  // opened at once may begin with the broker down.
+  ASSERT_TRUE(WaitForBroker());
   EventReader reader(port);
   const int first = reader.WaitFor([](const StreamMessage& message) { return !message.event.empty(); });
   ASSERT_EQ(first, 0);
