@@ -117,19 +117,25 @@ class FleetRefusedSubscriptionTest : public FleetTest {
         "mosquitto_ctrl", "-h", "127.0.0.1", "-p",    std::to_string(broker.Port()), "-u",
         "admin",          "-P", "adminpw",   "dynsec"};
     const std::vector<std::vector<std::string>> steps = {
-        {"createClient",       "box1",      "-p",                           "pw1"},
-        {"createRole",                    "box"                   },
-        {"addRoleACL",         "box",       "publishClientSend",                          "kdx/box1/#", "allow"},
-        {"addRoleACL",             "box",                        "subscribePattern",            "kdx/box1/#", "allow"},
-        {"addRoleACL",  "box","subscribePattern",                                           "kdx/all/cmd", "allow"},
-        {"addClientRole",         "box1",              "box"},
-        {"createClient",             "operator",                        "-p",                                                 "op-pw"},
+        {"createClient",       "box1",         "-p",                            "pw1"},
+        {"createRole",                    "box"                      },
+        {"addRoleACL",         "box",          "publishClientSend",                              "kdx/box1/#", "allow"},
+        {"addRoleACL",             "box",                           "subscribePattern",             "kdx/box1/#", "allow"},
+        {"addRoleACL",  "box","subscribePattern",                                               "kdx/all/cmd", "allow"},
+        {"addClientRole",         "box1",                 "box"},
+        {"createClient",             "operator",                           "-p",                                                     "op-pw"},
         {"createRole",               "operator"            },
-        {"addRoleACL",                "operator","publishClientSend",                                        "kdx/#", "allow"},
-        {"addRoleACL","operator","subscribePattern",                                         "kdx/+/status", "allow"},
-        {"addRoleACL", "operator",         "subscribePattern","kdx/+/service", "allow"},
-        {"addRoleACL",         "operator",               "subscribePattern",              "kdx/all/sync/#", "allow"},
-        {"addClientRole",             "operator",                        "operator"},
+        {"addRoleACL",                "operator","publishClientSend",                                            "kdx/#", "allow"},
+        {"addRoleACL","operator","subscribePattern",                                          "kdx/+/status", "allow"},
+        {"addRoleACL", "operator",            "subscribePattern","kdx/+/service", "allow"},
+        {"addRoleACL",         "operator",                  "subscribePattern",                  "kdx/all/sync/#", "allow"},
+        {"addClientRole",             "operator",                           "operator"},
+ // May read the sync marker, and nothing of the boxes.
+        {"createClient",  "blind","-p",                                  "bl-pw"},
+        {"createRole",         "blind"    },
+        {"addRoleACL",             "blind",                           "publishClientSend",                                               "kdx/all/sync/#", "allow"},
+        {"addRoleACL",          "blind","subscribePattern",                                       "kdx/all/sync/#", "allow"},
+        {"addClientRole",                "blind",                                  "blind"},
     };
     for (const std::vector<std::string>& step : steps) {
       std::vector<std::string> argv = control;
@@ -155,6 +161,22 @@ TEST_F(FleetRefusedSubscriptionTest, LsReadsTheStatusesItMaySubscribeTo) {
   const Result result = AsOperator({"ls"});
   EXPECT_EQ(result.out, "box1\tonline\tup\n");
   EXPECT_EQ(result.exitCode, 0) << result.err;
+}
+
+TEST_F(FleetRefusedSubscriptionTest, LsWhoseStatusesAreRefusedSaysSoAndExits3) {
+  const Result result = Fleet({"--username", "blind", "--password-file", WriteFile("blind.password", "bl-pw\n"), "ls"});
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(result.err,
+            ErrorLine(broker.Url(), "the broker refused the subscription to kdx/+/status: not authorized (0x87)"));
+  EXPECT_EQ(result.exitCode, 3);
+}
+
+TEST_F(FleetRefusedSubscriptionTest, ForgetWhoseStatusesAreRefusedSaysSoAndExits3) {
+  const Result result =
+      Fleet({"--username", "blind", "--password-file", WriteFile("blind.password", "bl-pw\n"), "forget", "gone"});
+  EXPECT_EQ(result.err,
+            ErrorLine(broker.Url(), "the broker refused the subscription to kdx/gone/status: not authorized (0x87)"));
+  EXPECT_EQ(result.exitCode, 3);
 }
 
 // `text` with the run's identifier (16 hexadecimal digits after
