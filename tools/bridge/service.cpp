@@ -54,6 +54,16 @@ pid_t ClientPid(const std::string& name) {
   return rest.empty() || rest == kEventSuffix ? static_cast<pid_t>(pid) : 0;
 }
 
+// Removes one directory entry if it is a client's socket whose process has ended.
+bool RemoveIfStale(const std::string& dir, const char* name) {
+  const pid_t pid = ClientPid(name);
+  // Signal 0 only asks whether the process is there.
+  if (pid <= 0 || ::kill(pid, 0) == 0 || errno != ESRCH) return false;
+  const std::string path = dir + "/" + name;
+  struct stat info {};
+  return ::lstat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode) && ::unlink(path.c_str()) == 0;
+}
+
 }  // namespace
 
 void ServiceState::Set(Value value) {
@@ -184,20 +194,6 @@ void SocketFiles::RemoveAll() {
   mFiles.clear();
   mDirectories.clear();
 }
-
-namespace {
-
-// Removes one directory entry if it is a client's socket whose process has ended.
-bool RemoveIfStale(const std::string& dir, const char* name) {
-  const pid_t pid = ClientPid(name);
-  // Signal 0 only asks whether the process is there.
-  if (pid <= 0 || ::kill(pid, 0) == 0 || errno != ESRCH) return false;
-  const std::string path = dir + "/" + name;
-  struct stat info {};
-  return ::lstat(path.c_str(), &info) == 0 && S_ISSOCK(info.st_mode) && ::unlink(path.c_str()) == 0;
-}
-
-}  // namespace
 
 size_t RemoveStaleSocketFiles(const std::string& dir) {
   DIR* stream = ::opendir(dir.c_str());
