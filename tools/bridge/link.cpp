@@ -363,8 +363,7 @@ void MqttLink::GoOnline() {
   mqtt::Publication online(mTopics.Status(), kOnline, true);
   online.userProperty = mSettings.instance;
   Publish(std::move(online));
-  mService.TakeChanges();
-  PublishService(mService.Current());
+  PublishService(mService.TakeCurrent());
   mEvents.SetOnline(true);
   zel::service_client::Log(LOG_INFO, "online: taking commands from %s and %s", mTopics.Command().c_str(),
                            mTopics.AllCommand().c_str());

@@ -89,6 +89,12 @@ ServiceState::Value ServiceState::Current() const {
   return mValue;
 }
 
+ServiceState::Value ServiceState::TakeCurrent() {
+  std::lock_guard<std::mutex> lock(mMutex);
+  mChanges.clear();
+  return mValue;
+}
+
 const char* ServiceState::Text(Value value) {
   switch (value) {
     case Value::Up:

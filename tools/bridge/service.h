@@ -37,6 +37,9 @@ class ServiceState {
   // The changes since the last call, oldest first.
   std::vector<Value> TakeChanges();
   Value Current() const;
+  // The value now, forgetting the changes that led to it, in one step: a
+  // change made between a separate take and read would be published twice.
+  Value TakeCurrent();
 
   // "up" or "down", as P/service carries it.
   static const char* Text(Value value);

@@ -48,6 +48,17 @@ TEST(ServiceStateTest, EachChangeIsKeptInTurnAndSaidInTheLog) {
   }));
 }
 
+TEST(ServiceStateTest, TakingTheCurrentValueForgetsTheChangesBeforeIt) {
+  Wakeup wakeup;
+  ServiceState state("/svc", wakeup);
+  state.Set(Value::Up);
+  state.Set(Value::Down);
+  EXPECT_EQ(state.TakeCurrent(), Value::Down);
+  EXPECT_TRUE(state.TakeChanges().empty());
+  state.Set(Value::Up);
+  EXPECT_EQ(state.TakeChanges(), (std::vector<Value>{Value::Up}));
+}
+
 // A socket file bound at `path` and left behind, as a killed process leaves
 // it.
 void LeaveSocket(const std::string& path) {
