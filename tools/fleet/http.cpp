@@ -61,8 +61,6 @@ std::string StatusText(int status) {
       return "bad request";
     case 404:
       return "not found";
-    case 405:
-      return "method not allowed";
     case 413:
       return "the request's body is larger than kendrivex-fleet takes";
     case 414:

@@ -157,7 +157,14 @@ bool Link::Sync(Done done, std::string& why) {
     int mid = 0;
     if (!SendSubscription(marker, mid, why)) return false;
     mKept.push_back(marker);
-    mSubscriptions.push_back(Pending{mid, nullptr, marker.filters, false});
+    // A marker that the broker will not send back would leave every sync
+    // waiting to its deadline: they end with the refusal instead.
+    const auto refused = [this](const Answer& answer) {
+      if (answer.ok) return;
+      for (Pending& sync : mSyncs) Finish(std::move(sync), answer);
+      mSyncs.clear();
+    };
+    mSubscriptions.push_back(Pending{mid, refused, marker.filters, false});
     mMarkerSubscribed = true;
   }
   const int number = ++mSyncsSent;

@@ -42,6 +42,14 @@ TEST_F(FleetForgetTest, OnlineBoxIsRefusedAndKept) {
   EXPECT_EQ(result.out, "box1\tonline\tup\nbox2\toffline\t-\n");
 }
 
+TEST_F(FleetForgetTest, EveryOnlineBoxIsRefusedInTurn) {
+  StartBox("box3");
+  const Result result = Fleet({"forget", "box1", "box3"});
+  EXPECT_EQ(result.err, ErrorLine("box1", "online: only a box that is gone can be forgotten") +
+                            ErrorLine("box3", "online: only a box that is gone can be forgotten"));
+  EXPECT_EQ(result.exitCode, 1);
+}
+
 TEST_F(FleetForgetTest, GoneBoxesAreForgottenBesideARefusedOne) {
   Result result = Fleet({"forget", "box1", "box2", "box9"});
   EXPECT_EQ(result.err, ErrorLine("box1", "online: only a box that is gone can be forgotten"));

@@ -39,6 +39,15 @@ TEST_F(FleetLsTest, JsonListsOneObjectABoxWithANullServiceWhenUnknown) {
   EXPECT_EQ(result.exitCode, 0);
 }
 
+TEST_F(FleetLsTest, BoxWithAServiceButNoStatusIsNotListed) {
+  StartBox("box1");
+  MqttTestClient stray(broker.Port());
+  ASSERT_TRUE(stray.Publish("kdx/box2/service", "up", 1, true));
+  const Result result = Fleet({"ls"});
+  EXPECT_EQ(result.out, "box1\tonline\tup\n");
+  EXPECT_EQ(result.exitCode, 0);
+}
+
 TEST_F(FleetLsTest, EmptyBrokerListsNothing) {
   const Result result = Fleet({"ls"});
   EXPECT_EQ(result.out, "");

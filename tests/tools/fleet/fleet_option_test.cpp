@@ -123,6 +123,23 @@ TEST_F(FleetOptionTest, ValuesOutOfRangeAreUsageErrors) {
   ExpectUsage({"-p", "kdx/#", "ls"}, "-p", "may not be empty or hold '+' or '#': \"kdx/#\"");
 }
 
+TEST_F(FleetOptionTest, PrefixMustBeTextATopicCanHold) {
+  ExpectUsage({"-p", "", "ls"}, "-p", "may not be empty or hold '+' or '#': \"\"");
+  ExpectUsage({"-p", "kdx\x01", "ls"}, "-p", "not text that a topic can hold (UTF-8 without control characters)");
+}
+
+TEST_F(FleetOptionTest, UnknownOptionBeforeOrAfterTheCommandPointsToTheHelp) {
+  ExpectUsage({"--bogus", "ls"}, "--bogus", "unknown option (try --help)");
+  ExpectUsage({"ls", "--bogus"}, "--bogus", "unknown option (try --help)");
+}
+
+TEST_F(FleetOptionTest, WebPasswordFileThatCannotHoldAPasswordIsAUsageError) {
+  const std::string empty = WriteFile("empty", "");
+  ExpectUsage({"web", "--web-password-file", empty}, "--web-password-file", empty + ": empty");
+  ExpectUsage({"web", "--listen", "0.0.0.0:0", "--web-password-file", "/dev/zero"}, "--web-password-file",
+              "/dev/zero: not a regular file");
+}
+
 TEST_F(FleetOptionTest, BrokerOfAnotherSchemeIsAUsageError) {
   const Result result = FleetBare({"-b", "http://127.0.0.1", "ls"}, Options());
   EXPECT_EQ(result.err, ErrorLine("-b", "not mqtt://HOST[:PORT] or mqtts://HOST[:PORT]: \"http://127.0.0.1\""));

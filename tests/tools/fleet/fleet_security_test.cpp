@@ -117,25 +117,39 @@ class FleetRefusedSubscriptionTest : public FleetTest {
         "mosquitto_ctrl", "-h", "127.0.0.1", "-p",    std::to_string(broker.Port()), "-u",
         "admin",          "-P", "adminpw",   "dynsec"};
     const std::vector<std::vector<std::string>> steps = {
-        {"createClient",       "box1",         "-p",                            "pw1"},
-        {"createRole",                    "box"                      },
-        {"addRoleACL",         "box",          "publishClientSend",                              "kdx/box1/#", "allow"},
-        {"addRoleACL",             "box",                           "subscribePattern",             "kdx/box1/#", "allow"},
-        {"addRoleACL",  "box","subscribePattern",                                               "kdx/all/cmd", "allow"},
-        {"addClientRole",         "box1",                 "box"},
-        {"createClient",             "operator",                           "-p",                                                     "op-pw"},
+        {"createClient",       "box1",           "-p",                                "pw1"},
+        {"createRole",                    "box"                        },
+        {"addRoleACL",         "box",            "publishClientSend",                                    "kdx/box1/#", "allow"},
+        {"addRoleACL",             "box",                             "subscribePattern",                 "kdx/box1/#", "allow"},
+        {"addRoleACL",  "box","subscribePattern",                                                     "kdx/all/cmd", "allow"},
+        {"addClientRole",         "box1",                   "box"},
+        {"createClient",             "operator",                             "-p",                                                           "op-pw"},
         {"createRole",               "operator"            },
-        {"addRoleACL",                "operator","publishClientSend",                                            "kdx/#", "allow"},
-        {"addRoleACL","operator","subscribePattern",                                          "kdx/+/status", "allow"},
-        {"addRoleACL", "operator",            "subscribePattern","kdx/+/service", "allow"},
-        {"addRoleACL",         "operator",                  "subscribePattern",                  "kdx/all/sync/#", "allow"},
-        {"addClientRole",             "operator",                           "operator"},
+        {"addRoleACL",                "operator","publishClientSend",                                                  "kdx/#", "allow"},
+        {"addRoleACL","operator","subscribePattern",                                              "kdx/+/status", "allow"},
+        {"addRoleACL", "operator",              "subscribePattern","kdx/+/service", "allow"},
+        {"addRoleACL",         "operator",                    "subscribePattern",                        "kdx/all/sync/#", "allow"},
+        {"addClientRole",             "operator",                             "operator"},
  // May read the sync marker, and nothing of the boxes.
-        {"createClient",  "blind","-p",                                  "bl-pw"},
-        {"createRole",         "blind"    },
-        {"addRoleACL",             "blind",                           "publishClientSend",                                               "kdx/all/sync/#", "allow"},
-        {"addRoleACL",          "blind","subscribePattern",                                       "kdx/all/sync/#", "allow"},
-        {"addClientRole",                "blind",                                  "blind"},
+        {"createClient",  "blind","-p",                                      "bl-pw"},
+        {"createRole",         "blind"      },
+        {"addRoleACL",             "blind",                             "publishClientSend",                                                     "kdx/all/sync/#", "allow"},
+        {"addRoleACL",          "blind","subscribePattern",                                             "kdx/all/sync/#", "allow"},
+        {"addClientRole",                "blind",                                    "blind"    },
+ // May read the statuses and send the sync marker, but not read it back.
+        {"createClient",     "deaf",               "-p",                                                  "df-pw"},
+        {"createRole", "deaf"},
+        {"addRoleACL",         "deaf",         "publishClientSend",                            "kdx/all/sync/#", "allow"},
+        {"addRoleACL",             "deaf",                             "subscribePattern",                                  "kdx/+/status", "allow"},
+        {"addRoleACL",             "deaf","subscribePattern",                                       "kdx/+/service", "allow"},
+        {"addClientRole",                "deaf",           "deaf"},
+ // May read the statuses and the sync marker, but send nothing.
+        {"createClient",              "mute",                                                          "-p",                             "mt-pw"},
+        {"createRole", "mute"},
+        {"addRoleACL",         "mute",       "subscribePattern",                                                  "kdx/+/status", "allow"},
+        {"addRoleACL",             "mute",                             "subscribePattern",            "kdx/+/service", "allow"},
+        {"addRoleACL",  "mute",          "subscribePattern","kdx/all/sync/#", "allow"},
+        {"addClientRole",      "mute", "mute"                                                                                 },
     };
     for (const std::vector<std::string>& step : steps) {
       std::vector<std::string> argv = control;
@@ -149,8 +163,13 @@ class FleetRefusedSubscriptionTest : public FleetTest {
   }
 
   // kendrivex-fleet as the operator, then `args`.
-  Result AsOperator(std::vector<std::string> args) const {
-    args.insert(args.begin(), operatorLogin.begin(), operatorLogin.end());
+  Result AsOperator(std::vector<std::string> args) const { return As("operator", "op-pw", std::move(args)); }
+
+  // kendrivex-fleet as `user`, then `args`.
+  Result As(const std::string& user, const std::string& password, std::vector<std::string> args) const {
+    const std::vector<std::string> login = {"--username", user, "--password-file",
+                                            WriteFile(user + ".password", password + "\n")};
+    args.insert(args.begin(), login.begin(), login.end());
     return Fleet(args);
   }
 
@@ -179,14 +198,42 @@ TEST_F(FleetRefusedSubscriptionTest, ForgetWhoseStatusesAreRefusedSaysSoAndExits
   EXPECT_EQ(result.exitCode, 3);
 }
 
-// `text` with the run's identifier (16 hexadecimal digits after
-// "kdx/+/reply/") put as RUN, so that it can be compared.
-std::string WithoutRunId(std::string text) {
-  const std::string before = "kdx/+/reply/";
+// `text` with the identifiers (16 hexadecimal digits) after `before` put
+// as RUN, so that it can be compared.
+std::string WithoutIdsAfter(std::string text, const std::string& before) {
   for (size_t at = text.find(before); at != std::string::npos; at = text.find(before, at + 1)) {
     text.replace(at + before.size(), 16, "RUN");
   }
   return text;
+}
+
+// `text` with the run's identifier in the replies' topic put as RUN.
+std::string WithoutRunId(const std::string& text) { return WithoutIdsAfter(text, "kdx/+/reply/"); }
+
+TEST_F(FleetRefusedSubscriptionTest, LsWhoseSyncMarkerIsNotSentBackSaysSoAtOnceAndExits3) {
+  const Result result = As("deaf", "df-pw", {"ls"});
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(WithoutIdsAfter(result.err, "kdx/all/sync/"),
+            ErrorLine(broker.Url(), "the broker refused the subscription to kdx/all/sync/RUN: not authorized (0x87)"));
+  EXPECT_EQ(result.exitCode, 3);
+}
+
+TEST_F(FleetRefusedSubscriptionTest, LsWhoseSyncMarkerMayNotBeSentSaysSoAndExits3) {
+  const Result result = As("mute", "mt-pw", {"ls"});
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(
+      WithoutIdsAfter(result.err, "kdx/all/sync/"),
+      ErrorLine(broker.Url(), "the sync marker on kdx/all/sync/RUN: the broker refused it: not authorized (0x87)"));
+  EXPECT_EQ(result.exitCode, 3);
+}
+
+TEST_F(FleetRefusedSubscriptionTest, RunWhoseSyncMarkerMayNotBeSentSaysSoAndExits3) {
+  const Result result = As("mute", "mt-pw", {"run", "all", "ping"});
+  EXPECT_EQ(result.out, "");
+  EXPECT_EQ(
+      WithoutIdsAfter(result.err, "kdx/all/sync/"),
+      ErrorLine(broker.Url(), "the sync marker on kdx/all/sync/RUN: the broker refused it: not authorized (0x87)"));
+  EXPECT_EQ(result.exitCode, 3);
 }
 
 TEST_F(FleetRefusedSubscriptionTest, RunWhoseRepliesAreRefusedReportsEveryBoxAndExits3) {

@@ -435,6 +435,27 @@ TEST_F(FleetWebTest, AStalledReaderIsDroppedAndTheProcessDoesNotGrow) {
 #endif
 }
 
+// What the page cannot show is left out, and counted when the program ends.
+TEST_F(FleetWebTest, OverlongBoxIdsAndEventTimesAreLeftOutAndCountedAtTheEnd) {
+  StartBroker();
+  StartWeb();
+  MqttTestClient stray(broker.Port());
+  // One byte longer than the page takes of an ID, and of an event's time.
+  const std::string longId(257, 'x');
+  ASSERT_TRUE(stray.Publish("kdx/" + longId + "/status", "online", 1, true));
+  ASSERT_TRUE(
+      stray.Publish("kdx/box1/event/7", R"({"time":")" + std::string(65, '1') + R"(","id":7,"args":[],"box":"box1"})"));
+  Play("box1");
+  ASSERT_TRUE(WaitForBoxes(R"([{"box":"box1","status":"online","service":null}])"));
+  web->Signal(SIGTERM);
+  const Result result = web->Finish();
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(
+      result.err,
+      "kendrivex-fleet: warning: skipped 1 message from boxes: 1 not of the form a box sends\n"
+      "kendrivex-fleet: warning: boxes left out, beyond the 100000 kept or with an ID longer than 256 bytes: 1\n");
+}
+
 // ---- Runs --------------------------------------------------------------
 
 TEST_F(FleetWebTest, RunOnAllAnswersWithEveryReplyOnceTheRunHasEnded) {
@@ -646,6 +667,22 @@ TEST_F(FleetWebTest, WithAPasswordEveryRequestGivesIt) {
   })
                 .status,
             200);
+}
+
+TEST_F(FleetWebTest, WebPasswordFileOthersMayReadGetsAWarning) {
+  StartBroker();
+  const std::string file = dir.File("web.password");
+  {
+    std::ofstream out(file);
+    out << "s3cret\n";
+  }
+  ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+  StartWeb({"--listen", "127.0.0.1:0", "--web-password-file", file});
+  web->Signal(SIGTERM);
+  const Result result = web->Finish();
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.err, "kendrivex-fleet: warning: permissions 0644 for the password file " + file +
+                            " are too open: it should be readable by its owner alone (chmod 600 " + file + ")\n");
 }
 
 TEST_F(FleetWebTest, WithoutAPasswordOnlyLoopbackNamesAreServed) {

@@ -50,6 +50,18 @@ TEST(ListenAddressTest, RefusesNamesAndMalformedPorts) {
   EXPECT_EQ(defaults.Url(defaults.port), "http://127.0.0.1:8737/");
 }
 
+TEST(ListenAddressTest, LoopbackIsThe127NetworkAndIpv6sLoopbackOrItsMappedForm) {
+  ListenAddress address;
+  for (const char* host : {"::ffff:10.0.0.1", "fe80::1", "128.0.0.1", "localhost", ""}) {
+    address.host = host;
+    EXPECT_FALSE(address.Loopback()) << host;
+  }
+  for (const char* host : {"127.255.255.254", "::1", "::ffff:127.0.0.1"}) {
+    address.host = host;
+    EXPECT_TRUE(address.Loopback()) << host;
+  }
+}
+
 TEST(WebJsonTest, TimesAreUtcToTheMillisecond) {
   EXPECT_EQ(IsoTime(timespec{1795615560, 568000000}), "2026-11-25T14:06:00.568Z");
   EXPECT_EQ(IsoTime(timespec{0, 7000000}), "1970-01-01T00:00:00.007Z");
