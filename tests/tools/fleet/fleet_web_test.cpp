@@ -7,7 +7,6 @@
 // names, hostile box data), a stalled stream reader, a broker restart and
 // the stop signals.
 #include <signal.h>
-#include <sys/stat.h>
 #include <syslog.h>
 
 #include <fstream>
@@ -635,12 +634,7 @@ TEST_F(FleetWebTest, RunThatTheBrokerNeverAcknowledgesIsGivenUp) {
 
 TEST_F(FleetWebTest, WithAPasswordEveryRequestGivesIt) {
   StartBroker();
-  const std::string file = dir.File("web.password");
-  {
-    std::ofstream out(file);
-    out << "s3cret: pass\n";
-  }
-  ASSERT_EQ(::chmod(file.c_str(), 0600), 0);
+  const std::string file = WriteFile("web.password", "s3cret: pass\n");
   StartWeb({"--listen", "0.0.0.0:0", "--web-password-file", file});
   EXPECT_EQ(web->Out(), "http://0.0.0.0:" + std::to_string(port) + "/\n");
   WebClient client = Client();
@@ -671,12 +665,7 @@ TEST_F(FleetWebTest, WithAPasswordEveryRequestGivesIt) {
 
 TEST_F(FleetWebTest, WebPasswordFileOthersMayReadGetsAWarning) {
   StartBroker();
-  const std::string file = dir.File("web.password");
-  {
-    std::ofstream out(file);
-    out << "s3cret\n";
-  }
-  ASSERT_EQ(::chmod(file.c_str(), 0644), 0);
+  const std::string file = WriteFile("web.password", "s3cret\n", 0644);
   StartWeb({"--listen", "127.0.0.1:0", "--web-password-file", file});
   web->Signal(SIGTERM);
   const Result result = web->Finish();
