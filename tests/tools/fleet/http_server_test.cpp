@@ -115,14 +115,14 @@ TEST_F(HttpServerTest, CredentialsAreTheBasicSchemeInAnyCaseAndTheUserAndPasswor
 TEST_F(HttpServerTest, CredentialsThatAreNotTheUserAndThePasswordInBase64AreRefused) {
   Serve(">>>?");
   for (const char* credentials : {
-           "Bearer dTo+Pj4/",   // another scheme
-           "Basic ",            // nothing
-           "Basic dTo+Pj4",     // not whole groups of four
-           "Basic dTo+Pj4{",    // a character past 'z'
-           "Basic dTo+Pj4-",    // base64url's character
-           "Basic dTo+P=4/",    // a character after the padding
+           "Bearer dTo+Pj4/",     // another scheme
+           "Basic ",              // nothing
+           "Basic dTo+Pj4",       // not whole groups of four
+           "Basic dTo+Pj4{",      // a character past 'z'
+           "Basic dTo+Pj4-",      // base64url's character
+           "Basic dTo+P=4/",      // a character after the padding
            "Basic dTo+Pj4/====",  // padding of more than two
-           "Basic dT4+Pj8=",    // "u>>>?": no colon before the password
+           "Basic dT4+Pj8=",      // "u>>>?": no colon before the password
            "Basic dTp3cm9uZw==",  // "u:wrong"
        }) {
     const WebAnswer answer = Client().Get("/api/boxes", {
@@ -152,10 +152,10 @@ TEST_F(HttpServerTest, ARunFromAPageOfAnotherHostBehindAReverseProxyIsRefused) {
   Serve(">>>?");
   const WebAnswer answer = Client().Post("/api/run", kPingAll, "application/json",
                                          {
-                                             {"Authorization",    "Basic dTo+Pj4/"       },
-                                             {"Host",             ""                     },
-                                             {"X-Forwarded-Host", "fleet.example"        },
-                                             {"Origin",           "https://evil.example" }
+                                             {"Authorization",    "Basic dTo+Pj4/"      },
+                                             {"Host",             ""                    },
+                                             {"X-Forwarded-Host", "fleet.example"       },
+                                             {"Origin",           "https://evil.example"}
   });
   EXPECT_EQ(answer.status, 403);
   EXPECT_EQ(answer.body, R"({"error":"a run may be asked for only by this server's own page"})");
