@@ -15,6 +15,36 @@ bool RunHostTool(const std::vector<std::string>& argv) {
   return result.exitCode == 0;
 }
 
+DynamicSecurityRight MayPublish(const std::string& filter) { return {"publishClientSend", filter}; }
+
+DynamicSecurityRight MaySubscribe(const std::string& filter) { return {"subscribePattern", filter}; }
+
+bool UseDynamicSecurity(const TempDir& dir, MqttBroker& broker) {
+  const std::string config = dir.File("dynsec.json");
+  if (!RunHostTool({"mosquitto_ctrl", "dynsec", "init", config, "admin", "adminpw"})) return false;
+  broker.AddConfig({"allow_anonymous false", "plugin /usr/lib/x86_64-linux-gnu/mosquitto_dynamic_security.so",
+                    "plugin_opt_config_file " + config});
+  return true;
+}
+
+bool AddDynamicSecurityUser(const MqttBroker& broker, const std::string& name, const std::string& password,
+                            const std::vector<DynamicSecurityRight>& rights) {
+  std::vector<std::vector<std::string>> steps = {
+      {"createClient", name, "-p", password},
+      {"createRole",      name         },
+  };
+  for (const DynamicSecurityRight& right : rights)
+    steps.push_back({"addRoleACL", name, right.type, right.topic, "allow"});
+  steps.push_back({"addClientRole", name, name});
+  for (const std::vector<std::string>& step : steps) {
+    std::vector<std::string> argv = {"mosquitto_ctrl", "-h", "127.0.0.1", "-p",    std::to_string(broker.Port()), "-u",
+                                     "admin",          "-P", "adminpw",   "dynsec"};
+    argv.insert(argv.end(), step.begin(), step.end());
+    if (!RunHostTool(argv)) return false;
+  }
+  return true;
+}
+
 bool MakePasswordFile(const std::string& path, const std::vector<std::pair<std::string, std::string>>& users) {
   for (size_t i = 0; i < users.size(); ++i) {
     std::vector<std::string> argv = {"mosquitto_passwd", "-b", path, users[i].first, users[i].second};

@@ -2,7 +2,8 @@
 // certificate authority of the test's own with certificates it signed for the
 // broker (127.0.0.1) and for a client (made with openssl), a Mosquitto
 // password file (made with mosquitto_passwd), and a way to run such tools of
-// the build machine. Files in the test's directory; one thread at a time.
+// the build machine, and users of Mosquitto's dynamic-security plugin. Files
+// in the test's directory; one thread at a time.
 #pragma once
 
 #include <string>
@@ -21,6 +22,27 @@ bool RunHostTool(const std::vector<std::string>& argv);
 // Makes a Mosquitto password file at `path` holding `users` (name and
 // password each); false when it cannot be made.
 bool MakePasswordFile(const std::string& path, const std::vector<std::pair<std::string, std::string>>& users);
+
+// A right of a dynamic-security role: the plugin's ACL type and a topic
+// filter it allows. Made by MayPublish and MaySubscribe.
+struct DynamicSecurityRight {
+  std::string type;
+  std::string topic;
+};
+DynamicSecurityRight MayPublish(const std::string& filter);
+DynamicSecurityRight MaySubscribe(const std::string& filter);
+
+// Gives `broker` (from its next start) Mosquitto's dynamic-security plugin,
+// which, unlike an ACL file, refuses what a user may not do (SUBACK and
+// PUBACK 0x87), with an administrator of its own and no anonymous clients;
+// its configuration in `dir`. False when it cannot be made.
+bool UseDynamicSecurity(const TempDir& dir, MqttBroker& broker);
+
+// On the started `broker`: a user `name` with `password` and a role of its
+// own, named after it, that allows `rights` and nothing else. False when a
+// step fails.
+bool AddDynamicSecurityUser(const MqttBroker& broker, const std::string& name, const std::string& password,
+                            const std::vector<DynamicSecurityRight>& rights);
 
 class TestCertificates {
  public:

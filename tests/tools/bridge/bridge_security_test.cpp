@@ -14,9 +14,12 @@
 namespace zel::bridge::test {
 namespace {
 
+using ::zel::test::AddDynamicSecurityUser;
 using ::zel::test::MakePasswordFile;
-using ::zel::test::RunHostTool;
+using ::zel::test::MayPublish;
+using ::zel::test::MaySubscribe;
 using ::zel::test::TestCertificates;
+using ::zel::test::UseDynamicSecurity;
 
 class BridgeSecurityTest : public BridgeTest {
  protected:
@@ -183,26 +186,9 @@ TEST_F(BridgeSecurityTest, ReadmeAccessListKeepsABoxOutOfAnotherBoxsTopics) {
 // 0x87; the bridge says so and waits longer each time, since the connection
 // never stayed up with its subscriptions granted.
 TEST_F(BridgeSecurityTest, RefusedSubscriptionIsLoggedAsARefusalAndTheWaitsGrow) {
-  const std::string config = dir.File("dynsec.json");
-  ASSERT_TRUE(RunHostTool({"mosquitto_ctrl", "dynsec", "init", config, "admin", "adminpw"}));
-  broker.AddConfig({"allow_anonymous false", "plugin /usr/lib/x86_64-linux-gnu/mosquitto_dynamic_security.so",
-                    "plugin_opt_config_file " + config});
+  ASSERT_TRUE(UseDynamicSecurity(dir, broker));
   StartBroker();
-  const std::vector<std::string> control = {
-      "mosquitto_ctrl", "-h", "127.0.0.1", "-p",    std::to_string(broker.Port()), "-u",
-      "admin",          "-P", "adminpw",   "dynsec"};
-  const std::vector<std::vector<std::string>> steps = {
-      {"createClient",      "box1",        "-p",                "pw1"},
-      {"createRole",                   "box"                    },
-      {"addRoleACL",        "box",         "publishClientSend",                 "kdx/box1/#", "allow"},
-      {"addRoleACL",            "box",                         "subscribePattern", "kdx/all/cmd", "allow"},
-      {"addClientRole", "box1","box"                                },
-  };
-  for (const std::vector<std::string>& step : steps) {
-    std::vector<std::string> argv = control;
-    argv.insert(argv.end(), step.begin(), step.end());
-    ASSERT_TRUE(RunHostTool(argv));
-  }
+  ASSERT_TRUE(AddDynamicSecurityUser(broker, "box1", "pw1", {MayPublish("kdx/box1/#"), MaySubscribe("kdx/all/cmd")}));
   StartFake();
   StartBridge({"--username", "box1", "--password-file", WriteFile("password", "pw1\n")});
   const std::string refused = "the broker at " + broker.Url() +
