@@ -437,15 +437,24 @@ TEST_F(FleetWebTest, AStalledReaderIsDroppedAndTheProcessDoesNotGrow) {
 // What the page cannot show is left out, and counted when the program ends.
 TEST_F(FleetWebTest, OverlongBoxIdsAndEventTimesAreLeftOutAndCountedAtTheEnd) {
   StartBroker();
+  Play("box1");
   StartWeb();
+  // The box's retained status has come: the program has subscribed.
+  ASSERT_TRUE(WaitForBoxes(R"([{"box":"box1","status":"online","service":null}])"));
+  EventReader reader(port);
   MqttTestClient stray(broker.Port());
-  // One byte longer than the page takes of an ID, and of an event's time.
+  // One byte longer than the page takes of an ID, and of an event's time;
+  // then an event that the page shows, which comes after them.
   const std::string longId(257, 'x');
   ASSERT_TRUE(stray.Publish("kdx/" + longId + "/status", "online", 1, true));
   ASSERT_TRUE(
       stray.Publish("kdx/box1/event/7", R"({"time":")" + std::string(65, '1') + R"(","id":7,"args":[],"box":"box1"})"));
-  Play("box1");
-  ASSERT_TRUE(WaitForBoxes(R"([{"box":"box1","status":"online","service":null}])"));
+  ASSERT_TRUE(
+      stray.Publish("kdx/box1/event/8", R"({"time":"2026-11-25T14:06:00.568Z","id":8,"args":[],"box":"box1"})"));
+  ASSERT_GE(reader.WaitFor([](const StreamMessage& message) {
+    return message.event == "events" && message.data.find(R"("id":8)") != std::string::npos;
+  }),
+            0);
   web->Signal(SIGTERM);
   const Result result = web->Finish();
   EXPECT_EQ(result.exitCode, 0);
